@@ -1,0 +1,177 @@
+#include "fault.h"
+
+#include <vexo/vexo_core.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <dirent.h>
+#include <langinfo.h>
+#include <locale.h>
+#include <unordered_set>
+
+namespace fault {
+namespace {
+
+struct alloc_state {
+  bool active = false;
+  long fail_at = 0;
+  long count = 0;
+  bool injected = false;
+  std::unordered_set<void *> live;
+};
+alloc_state g_alloc;
+
+bool next_allocation_fails() {
+  ++g_alloc.count;
+  if (g_alloc.fail_at != 0 && g_alloc.count == g_alloc.fail_at) {
+    g_alloc.injected = true;
+    return true;
+  }
+  return false;
+}
+
+void *h_malloc(size_t n) {
+  if (next_allocation_fails())
+    return nullptr;
+  void *p = std::malloc(n);
+  if (p != nullptr)
+    g_alloc.live.insert(p);
+  return p;
+}
+
+void *h_realloc(void *p, size_t n) {
+  if (next_allocation_fails())
+    return nullptr;
+  void *q = std::realloc(p, n);
+  if (q != nullptr) {
+    g_alloc.live.erase(p);
+    g_alloc.live.insert(q);
+  }
+  return q;
+}
+
+void h_free(void *p) {
+  g_alloc.live.erase(p);
+  std::free(p);
+}
+
+struct call_plan {
+  int err = 0;
+  int fail_left = 0;
+  int calls = 0;
+};
+std::array<call_plan, static_cast<size_t>(call::count_)> g_calls;
+std::optional<const char *> g_nl_langinfo;
+std::optional<const char *> g_setlocale;
+
+call_plan &plan(call c) { return g_calls[static_cast<size_t>(c)]; }
+
+}  // namespace
+
+// Counts the call; true (with errno set) when it is to fail.
+bool take(call c) {
+  call_plan &p = plan(c);
+  ++p.calls;
+  if (p.fail_left > 0) {
+    --p.fail_left;
+    errno = p.err;
+    return true;
+  }
+  return false;
+}
+
+alloc_scope::alloc_scope(long fail_at) {
+  g_alloc = alloc_state{};
+  g_alloc.active = true;
+  g_alloc.fail_at = fail_at;
+  EXPECT_EQ(vexo_replace_allocator(h_malloc, h_realloc, h_free), VEXO_S_NOERR);
+}
+
+alloc_scope::~alloc_scope() {
+  vexo_replace_allocator(nullptr, nullptr, nullptr);
+  // Blocks still live came from malloc, so the restored allocator frees them.
+  g_alloc.active = false;
+}
+
+bool alloc_scope::injected() const { return g_alloc.injected; }
+long alloc_scope::allocations() const { return g_alloc.count; }
+long alloc_scope::live() const { return static_cast<long>(g_alloc.live.size()); }
+
+long alloc_sweep(const std::function<void(alloc_scope &)> &attempt, long limit) {
+  for (long k = 1; k <= limit; ++k) {
+    alloc_scope scope(k);
+    attempt(scope);
+    EXPECT_EQ(scope.live(), 0) << "blocks leaked with allocation " << k << " failing";
+    if (::testing::Test::HasFatalFailure())
+      return -1;
+    if (!scope.injected())
+      return scope.allocations();
+  }
+  ADD_FAILURE() << "allocation sweep did not finish within " << limit << " allocations";
+  return -1;
+}
+
+void fail(call c, int err, int times) {
+  plan(c).err = err;
+  plan(c).fail_left = times;
+}
+
+int calls(call c) { return plan(c).calls; }
+
+void reset() {
+  g_calls = {};
+  g_nl_langinfo.reset();
+  g_setlocale.reset();
+}
+
+void fake_nl_langinfo(std::optional<const char *> answer) { g_nl_langinfo = answer; }
+void fake_setlocale(std::optional<const char *> answer) { g_setlocale = answer; }
+
+int open_fds() {
+  DIR *d = opendir("/proc/self/fd");
+  if (d == nullptr)
+    return -1;
+  int n = 0;
+  while (dirent *e = readdir(d)) {
+    if (e->d_name[0] != '.')
+      ++n;
+  }
+  closedir(d);
+  return n - 1;  // the listing's own descriptor
+}
+
+}  // namespace fault
+
+// ---- Link-time wrappers -------------------------------------------------------
+// Every call of the wrapped functions in the test binary, the static library
+// included, lands here.
+
+extern "C" {
+
+int __real_close(int fd);
+int __wrap_close(int fd) {
+  if (fault::take(fault::call::close))
+    return -1;
+  return __real_close(fd);
+}
+
+char *__real_nl_langinfo(nl_item item);
+char *__wrap_nl_langinfo(nl_item item) {
+  if (fault::take(fault::call::nl_langinfo))
+    return nullptr;
+  if (fault::g_nl_langinfo)
+    return const_cast<char *>(*fault::g_nl_langinfo);
+  return __real_nl_langinfo(item);
+}
+
+char *__real_setlocale(int category, const char *locale);
+char *__wrap_setlocale(int category, const char *locale) {
+  if (fault::take(fault::call::setlocale))
+    return nullptr;
+  if (fault::g_setlocale)
+    return const_cast<char *>(*fault::g_setlocale);
+  return __real_setlocale(category, locale);
+}
+
+}  // extern "C"
