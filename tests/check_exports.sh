@@ -5,7 +5,7 @@ lib=$1
 incdir=$2
 
 exported=$(nm -D --defined-only "$lib" | awk '$2 ~ /^[TDBRVW]$/ {print $3}' | sed 's/@.*//' | sort -u)
-declared=$(cat "$incdir"/*.h | tr '\n' ' ' | grep -oE 'VEXO_API[^;(]*\(' | sed -E 's/.*[^A-Za-z0-9_]([A-Za-z0-9_]+)[[:space:]]*\($/\1/' | sort -u)
+declared=$(grep -hv "^[[:space:]]*#" "$incdir"/*.h | tr '\n' ' ' | grep -oE 'VEXO_API[^;(]*\(' | sed -E 's/.*[^A-Za-z0-9_]([A-Za-z0-9_]+)[[:space:]]*\($/\1/' | sort -u)
 
 status=0
 stray=$(comm -23 <(echo "$exported") <(echo "$declared"))
