@@ -27,8 +27,7 @@ typedef void (*vexo_t_free_fn)(void *p);
  * null restores malloc/realloc/free. Only while no block is outstanding:
  * a block must be freed by the allocator that made it. Not thread-safe.
  * VEXO_E_PARAMETER_ERROR when only some of the three are null. */
-VEXO_API vexo_t_error_code vexo_replace_allocator(vexo_t_malloc_fn malloc_fn,
-                                                  vexo_t_realloc_fn realloc_fn,
+VEXO_API vexo_t_error_code vexo_replace_allocator(vexo_t_malloc_fn malloc_fn, vexo_t_realloc_fn realloc_fn,
                                                   vexo_t_free_fn free_fn);
 
 /* ---- Errors and text ---------------------------------------------------- */

@@ -30,11 +30,13 @@ VEXO_BEGIN_DECLS
 
 /* UTF-8 file name to OS name; a copy, or the caller's pointer under
  * VEXO_FILE_NAME_OPTION_NO_COPY. The text is neither checked nor changed. */
-VEXO_API vexo_t_error_code vexo_file_name_for_os_unix(const char *utf8_name, char **pos_name, vexo_t_bits options);
+VEXO_API vexo_t_error_code vexo_file_name_for_os_unix(const char *utf8_name, char **pos_name,
+                                                      vexo_t_bits options);
 
 /* OS file name to NFC UTF-8. Returns 0, or 1 when the name was not UTF-8
  * and was read as ISO 8859-1 (then it is not normalised). */
-VEXO_API vexo_t_error_code vexo_file_name_from_os_unix(const char *senc_path, char **putf8_path, vexo_t_bits options);
+VEXO_API vexo_t_error_code vexo_file_name_from_os_unix(const char *senc_path, char **putf8_path,
+                                                       vexo_t_bits options);
 
 /* The character set of the process's locale, as a new string. */
 VEXO_API vexo_t_error_code vexo_unix_default_charset(char **pcharset, vexo_t_bits options);

@@ -22,7 +22,7 @@ using mem = std::unique_ptr<T, free_deleter>;
 // A string that is either the caller's own (never freed) or a block of
 // ours: conversions under a no-copy option may hand back their input.
 class maybe_owned {
-public:
+ public:
   explicit maybe_owned(const char *caller) noexcept : caller_(caller) {}
   maybe_owned(const maybe_owned &) = delete;
   maybe_owned &operator=(const maybe_owned &) = delete;
@@ -45,14 +45,14 @@ public:
     p_ = nullptr;
   }
 
-private:
+ private:
   const char *caller_;
   char *p_ = nullptr;
 };
 
 // A descriptor closed on every path unless handed over.
 class unique_fd {
-public:
+ public:
   unique_fd() noexcept = default;
   explicit unique_fd(int fd) noexcept : fd_(fd) {}
   unique_fd(unique_fd &&o) noexcept : fd_(o.release()) {}
@@ -77,7 +77,7 @@ public:
     fd_ = fd;
   }
 
-private:
+ private:
   int fd_ = -1;
 };
 

@@ -1,1 +1,229 @@
-// placeholder
+// System properties and compact environments. Every compact environment the
+// core hands out comes from one builder, so that all of them share one
+// layout: room for N + 1 entry pointers, then the entries, each as
+// key NUL value NUL, all in a single block sized exactly.
+#include "core_internal.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+
+namespace {
+
+// An entry as the builder copies it; key and value point into the source.
+struct entry {
+  const char *key;
+  size_t key_len;
+  const char *value;
+  size_t value_len;
+};
+
+// "KEY=VALUE": the key ends at the first '=', later ones belong to the value;
+// without any '=' the whole text is the key and the value is empty.
+entry split_key_eq_value(const char *s) {
+  const char *eq = std::strchr(s, '=');
+  if (eq == nullptr) {
+    size_t n = std::strlen(s);
+    return {s, n, s + n, 0};
+  }
+  return {s, static_cast<size_t>(eq - s), eq + 1, std::strlen(eq + 1)};
+}
+
+// key NUL value NUL. An empty entry is a lone NUL: nothing follows it to read.
+entry split_key_nul_value(const char *s) {
+  size_t n = std::strlen(s);
+  if (n == 0)
+    return {s, 0, s, 0};
+  return {s, n, s + n + 1, std::strlen(s + n + 1)};
+}
+
+size_t count_entries(const char *const *list) {
+  size_t n = 0;
+  if (list != nullptr) {
+    while (list[n] != nullptr)
+      ++n;
+  }
+  return n;
+}
+
+// `for_each(put)` calls put(entry) for every candidate entry in order; it runs
+// twice, once to size the block and once to fill it. Entries with an empty key
+// are left out. Should the source grow between the passes (the live
+// environment changed under us), the fill stops with VEXO_E_TRY_AGAIN rather
+// than write past the block.
+template <class ForEach>
+vexo_t_error_code build_compact_env(const ForEach &for_each, char ***penv, size_t *psize) {
+  size_t count = 0;
+  size_t bytes = 0;
+  for_each([&](const entry &e) {
+    if (e.key_len != 0) {
+      ++count;
+      bytes += e.key_len + e.value_len + 2;
+    }
+  });
+  const size_t pointer_room = (count + 1) * sizeof(char *);
+  const size_t size = pointer_room + bytes;
+  vexo::mem<char> block(static_cast<char *>(vexo_alloc(size)));
+  if (!block)
+    return VEXO_E_OUT_OF_MEMORY;
+
+  auto **slots = reinterpret_cast<char **>(block.get());
+  char *pos = block.get() + pointer_room;
+  size_t room = bytes;
+  size_t stored = 0;
+  bool overrun = false;
+  for_each([&](const entry &e) {
+    if (e.key_len == 0 || overrun)
+      return;
+    const size_t need = e.key_len + e.value_len + 2;
+    if (stored == count || need > room) {
+      overrun = true;
+      return;
+    }
+    slots[stored++] = pos;
+    std::memcpy(pos, e.key, e.key_len);
+    pos[e.key_len] = '\0';
+    std::memcpy(pos + e.key_len + 1, e.value, e.value_len);
+    pos[e.key_len + 1 + e.value_len] = '\0';
+    pos += need;
+    room -= need;
+  });
+  if (overrun)
+    return VEXO_E_TRY_AGAIN;
+  slots[stored] = nullptr;
+
+  if (psize != nullptr)
+    *psize = size;
+  *penv = slots;
+  block.release();
+  return VEXO_S_NOERR;
+}
+
+vexo_t_error_code live_compact_env(char ***penv, size_t *psize) {
+  return build_compact_env(
+      [](const auto &put) {
+        for (size_t i = 0; environ != nullptr && environ[i] != nullptr; ++i)
+          put(split_key_eq_value(environ[i]));
+      },
+      penv, psize);
+}
+
+// The live entries byte for byte, empty ones included, behind their pointers.
+vexo_t_error_code live_environ_strings(char ***penv) {
+  const size_t count = count_entries(environ);
+  size_t bytes = 0;
+  for (size_t i = 0; i < count; ++i)
+    bytes += std::strlen(environ[i]) + 1;
+  const size_t pointer_room = (count + 1) * sizeof(char *);
+  vexo::mem<char> block(static_cast<char *>(vexo_alloc(pointer_room + bytes)));
+  if (!block)
+    return VEXO_E_OUT_OF_MEMORY;
+
+  auto **slots = reinterpret_cast<char **>(block.get());
+  char *pos = block.get() + pointer_room;
+  size_t room = bytes;
+  size_t stored = 0;
+  for (; stored < count && environ != nullptr && environ[stored] != nullptr; ++stored) {
+    const size_t need = std::strlen(environ[stored]) + 1;
+    if (need > room)
+      return VEXO_E_TRY_AGAIN;
+    std::memcpy(pos, environ[stored], need);
+    slots[stored] = pos;
+    pos += need;
+    room -= need;
+  }
+  slots[stored] = nullptr;
+  *penv = slots;
+  block.release();
+  return VEXO_S_NOERR;
+}
+
+bool key_less(const char *a, const char *b) {
+  return std::strcmp(a, b) < 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+char *vexo_get_system_property_allocate(const char *key, vexo_t_bits options) {
+  (void)options;
+  if (key == nullptr)
+    return nullptr;
+  return vexo_alloc_string(std::getenv(key));
+}
+
+vexo_t_error_code vexo_get_system_properties(char ***penv, size_t *psize, int selector) {
+  if (penv == nullptr)
+    return VEXO_E_PARAMETER_ERROR;
+  switch (selector) {
+    case VEXO_SYSTEM_PROPERTIES_COMPACT_ENV:
+      return live_compact_env(penv, psize);
+    case VEXO_SYSTEM_PROPERTIES_ENVIRON:
+      return live_environ_strings(penv);
+    default:
+      return VEXO_E_NOT_SUPPORTED;
+  }
+}
+
+vexo_t_error_code vexo_make_compact_env(const char *const *entries, char ***penv, size_t *psize,
+                                        vexo_t_bits flag) {
+  if (penv == nullptr)
+    return VEXO_E_PARAMETER_ERROR;
+  entry (*split)(const char *);
+  switch (flag) {
+    case VEXO_COMPACT_ENV_FLAG_KEY_NUL_VALUE:
+      split = split_key_nul_value;
+      break;
+    case VEXO_COMPACT_ENV_FLAG_KEY_EQ_VALUE:
+      split = split_key_eq_value;
+      break;
+    default:
+      return VEXO_E_PARAMETER_ERROR;
+  }
+  const size_t count = count_entries(entries);
+  return build_compact_env(
+      [&](const auto &put) {
+        for (size_t i = 0; i < count; ++i)
+          put(split(entries[i]));
+      },
+      penv, psize);
+}
+
+vexo_t_error_code vexo_merge_compact_envs(char **env1, size_t size1, char **env2, size_t size2, char ***penv,
+                                          size_t *psize, vexo_t_bits options) {
+  (void)size1;
+  (void)size2;
+  (void)options;
+  if (penv == nullptr)
+    return VEXO_E_PARAMETER_ERROR;
+  const size_t n1 = count_entries(env1);
+  const size_t n2 = count_entries(env2);
+
+  // env1's keys sorted, so that each of env2's keys costs a binary search.
+  vexo::mem<const char *> index;
+  if (n1 != 0 && n2 != 0) {
+    index.reset(static_cast<const char **>(vexo_alloc(n1 * sizeof(const char *))));
+    if (!index)
+      return VEXO_E_OUT_OF_MEMORY;
+    std::copy(env1, env1 + n1, index.get());
+    std::sort(index.get(), index.get() + n1, key_less);
+  }
+  auto env1_holds = [&](const char *key) {
+    return index && std::binary_search(index.get(), index.get() + n1, key, key_less);
+  };
+
+  return build_compact_env(
+      [&](const auto &put) {
+        for (size_t i = 0; i < n1; ++i)
+          put(split_key_nul_value(env1[i]));
+        for (size_t i = 0; i < n2; ++i) {
+          if (!env1_holds(env2[i]))
+            put(split_key_nul_value(env2[i]));
+        }
+      },
+      penv, psize);
+}
+
+}  // extern "C"

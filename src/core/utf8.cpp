@@ -45,7 +45,9 @@ inline const uint8_t *skip_ascii(const uint8_t *p, const uint8_t *end) {
   return p;
 }
 
-inline bool is_cont(uint8_t b) { return (b & 0xC0) == 0x80; }
+inline bool is_cont(uint8_t b) {
+  return (b & 0xC0) == 0x80;
+}
 
 // Length of the well-formed multi-byte sequence at `p`, or 0.
 inline size_t sequence_length(const uint8_t *p, size_t left) {

@@ -1,1 +1,153 @@
-// placeholder
+// Conversions between the core's UTF-8 names and the system's byte names.
+// The system takes UTF-8 bytes as they are, so only names coming back from
+// it need work: they may not be UTF-8 at all, and may not be NFC.
+#include "unix_internal.h"
+
+#include <cstring>
+
+namespace {
+
+// The success status that tells the caller its text was not UTF-8.
+constexpr auto kReadAsLatin1 = static_cast<vexo_t_error_code>(1);
+
+}  // namespace
+
+int is_ASCII(const char *s) {
+  for (const auto *p = reinterpret_cast<const unsigned char *>(s); *p != 0; ++p) {
+    if (*p >= 0x80)
+      return 0;
+  }
+  return 1;
+}
+
+vexo_t_error_code vexo_from_os_unix(const char *senc_string, size_t senc_string_size, char **putf8_string,
+                                    size_t *putf8_string_size, vexo_t_bits options) {
+  if (senc_string == nullptr || putf8_string == nullptr)
+    return VEXO_E_PARAMETER_ERROR;
+
+  vexo_t_error_code result = VEXO_S_NOERR;
+  char *out = nullptr;
+  size_t out_size = senc_string_size;
+
+  if (vexo_is_legal_utf8_string(senc_string, senc_string_size, 0) >= 0) {
+    if ((options & VEXO_FROM_OS_OPTION_NO_COPY) != 0) {
+      out = const_cast<char *>(senc_string);
+    } else {
+      out = static_cast<char *>(vexo_alloc(senc_string_size));
+      if (out == nullptr)
+        return VEXO_E_OUT_OF_MEMORY;
+      std::memcpy(out, senc_string, senc_string_size);
+    }
+  } else {
+    if ((options & VEXO_FROM_OS_OPTION_LATIN1_FALLBACK) == 0)
+      return VEXO_E_ENCODING_INVALID;
+    // Every byte is one Latin-1 character, even those that happen to form
+    // UTF-8 sequences: a name is one encoding or the other, never a mix.
+    const auto *in = reinterpret_cast<const unsigned char *>(senc_string);
+    size_t high = 0;
+    for (size_t i = 0; i < senc_string_size; ++i) {
+      if (in[i] >= 0x80)
+        ++high;
+    }
+    out_size = senc_string_size + high;
+    auto *o = static_cast<unsigned char *>(vexo_alloc(out_size));
+    if (o == nullptr)
+      return VEXO_E_OUT_OF_MEMORY;
+    out = reinterpret_cast<char *>(o);
+    for (size_t i = 0; i < senc_string_size; ++i) {
+      const unsigned b = in[i];
+      if (b < 0x80) {
+        *o++ = static_cast<unsigned char>(b);
+      } else {
+        *o++ = static_cast<unsigned char>(0xC0 | (b >> 6));
+        *o++ = static_cast<unsigned char>(0x80 | (b & 0x3F));
+      }
+    }
+    result = kReadAsLatin1;
+  }
+
+  *putf8_string = out;
+  if (putf8_string_size != nullptr)
+    *putf8_string_size = out_size;
+  return result;
+}
+
+vexo_t_error_code vexo_file_name_from_os_unix_generic(const char *senc_path, char **putf8_path,
+                                                      vexo_t_bits options) {
+  if (senc_path == nullptr || putf8_path == nullptr)
+    return VEXO_E_PARAMETER_ERROR;
+  vexo_t_bits from_os_options = 0;
+  if ((options & VEXO_FILE_NAME_OPTION_NO_COPY) != 0)
+    from_os_options |= VEXO_FROM_OS_OPTION_NO_COPY;
+  if ((options & VEXO_FILE_NAME_OPTION_LATIN1_FALLBACK) != 0)
+    from_os_options |= VEXO_FROM_OS_OPTION_LATIN1_FALLBACK;
+  // Converting the terminator too leaves the result NUL-terminated.
+  return vexo_from_os_unix(senc_path, std::strlen(senc_path) + 1, putf8_path, nullptr, from_os_options);
+}
+
+vexo_t_error_code vexo_file_name_from_os_darwin(const char *senc_path, char **putf8_path,
+                                                vexo_t_bits options) {
+  if (senc_path == nullptr || putf8_path == nullptr)
+    return VEXO_E_PARAMETER_ERROR;
+
+  // Most names are ASCII, which is UTF-8 and NFC already.
+  if (is_ASCII(senc_path)) {
+    if ((options & VEXO_FILE_NAME_OPTION_NO_COPY) != 0) {
+      *putf8_path = const_cast<char *>(senc_path);
+      return VEXO_S_NOERR;
+    }
+    char *copy = vexo_alloc_string(senc_path);
+    if (copy == nullptr)
+      return VEXO_E_OUT_OF_MEMORY;
+    *putf8_path = copy;
+    return VEXO_S_NOERR;
+  }
+
+  vexo_t_error_code result = VEXO_S_NOERR;
+  vexo::maybe_owned raw(senc_path);
+  VEXO_CHECK(vexo_file_name_from_os_unix_generic(senc_path, raw.out(), options));
+
+  // Text read as Latin-1 is composed already: U+0080..U+00FF are all NFC.
+  if (result == kReadAsLatin1 || (options & VEXO_FILE_NAME_OPTION_NO_NFC) != 0) {
+    *putf8_path = raw.release();
+    return result;
+  }
+
+  char *nfc = nullptr;
+  if (utf8_to_nfc(raw.get(), &nfc, 0) >= 0) {
+    *putf8_path = nfc;
+    return VEXO_S_NOERR;
+  }
+  // A name that cannot be normalised is still a usable name.
+  *putf8_path = raw.release();
+  return VEXO_S_NOERR;
+}
+
+extern "C" {
+
+vexo_t_error_code vexo_file_name_for_os_unix(const char *utf8_name, char **pos_name, vexo_t_bits options) {
+  if (utf8_name == nullptr || pos_name == nullptr)
+    return VEXO_E_PARAMETER_ERROR;
+  if ((options & VEXO_FILE_NAME_OPTION_NO_COPY) != 0) {
+    *pos_name = const_cast<char *>(utf8_name);
+    return VEXO_S_NOERR;
+  }
+  char *copy = vexo_alloc_string(utf8_name);
+  if (copy == nullptr)
+    return VEXO_E_OUT_OF_MEMORY;
+  *pos_name = copy;
+  return VEXO_S_NOERR;
+}
+
+vexo_t_error_code vexo_file_name_from_os_unix(const char *senc_path, char **putf8_path, vexo_t_bits options) {
+  return vexo_file_name_from_os_darwin(senc_path, putf8_path, options);
+}
+
+vexo_t_error_code vexo_unix_path_root_len(const char *utf8_path) {
+  if (utf8_path == nullptr)
+    return VEXO_E_PARAMETER_ERROR;
+  // Repeated leading slashes name the same root.
+  return utf8_path[0] == '/' ? static_cast<vexo_t_error_code>(1) : VEXO_E_FILE_NOT_ABSOLUTE;
+}
+
+}  // extern "C"

@@ -13,21 +13,21 @@
 
 // Stores a result code in the operation's `result` and leaves through the
 // owners' destructors when it is a failure; a positive status is kept.
-#define VEXO_CHECK(expr)  \
-  do {                    \
-    result = (expr);      \
-    if (result < 0)       \
-      return result;      \
+#define VEXO_CHECK(expr) \
+  do {                   \
+    result = (expr);     \
+    if (result < 0)      \
+      return result;     \
   } while (0)
 
 // For a system call reporting failure as -1: maps errno and leaves. Never
 // repeats the call; EINTR loops are written around it where wanted.
-#define VEXO_POSIX_CHECK(call, fallback)                   \
-  do {                                                     \
-    if ((call) == -1) {                                    \
-      result = vexo_map_unix_error(errno, (fallback));     \
-      return result;                                       \
-    }                                                      \
+#define VEXO_POSIX_CHECK(call, fallback)               \
+  do {                                                 \
+    if ((call) == -1) {                                \
+      result = vexo_map_unix_error(errno, (fallback)); \
+      return result;                                   \
+    }                                                  \
   } while (0)
 
 // ---- Text and file names --------------------------------------------------
@@ -41,7 +41,8 @@ vexo_t_error_code vexo_from_os_unix(const char *senc_string, size_t senc_string_
                                     size_t *putf8_string_size, vexo_t_bits options);
 
 // The plain conversion of a NUL-terminated OS name, without normalisation.
-vexo_t_error_code vexo_file_name_from_os_unix_generic(const char *senc_path, char **putf8_path, vexo_t_bits options);
+vexo_t_error_code vexo_file_name_from_os_unix_generic(const char *senc_path, char **putf8_path,
+                                                      vexo_t_bits options);
 
 // The NFC form of a UTF-8 string as a new string. Fails where the text cannot
 // be read as UTF-8; callers then keep the un-normalised name.
@@ -50,6 +51,7 @@ vexo_t_error_code utf8_to_nfc(const char *utf8, char **putf8_nfc, vexo_t_bits op
 // The normalising conversion: ASCII fast path, generic conversion, NFC and
 // the fall-back to the un-normalised name. Named after the system whose file
 // names must be NFC; here it is built on ICU.
-vexo_t_error_code vexo_file_name_from_os_darwin(const char *senc_path, char **putf8_path, vexo_t_bits options);
+vexo_t_error_code vexo_file_name_from_os_darwin(const char *senc_path, char **putf8_path,
+                                                vexo_t_bits options);
 
 #endif  // VEXO_UNIX_INTERNAL_H

@@ -65,7 +65,9 @@ std::array<call_plan, static_cast<size_t>(call::count_)> g_calls;
 std::optional<const char *> g_nl_langinfo;
 std::optional<const char *> g_setlocale;
 
-call_plan &plan(call c) { return g_calls[static_cast<size_t>(c)]; }
+call_plan &plan(call c) {
+  return g_calls[static_cast<size_t>(c)];
+}
 
 }  // namespace
 
@@ -94,9 +96,15 @@ alloc_scope::~alloc_scope() {
   g_alloc.active = false;
 }
 
-bool alloc_scope::injected() const { return g_alloc.injected; }
-long alloc_scope::allocations() const { return g_alloc.count; }
-long alloc_scope::live() const { return static_cast<long>(g_alloc.live.size()); }
+bool alloc_scope::injected() const {
+  return g_alloc.injected;
+}
+long alloc_scope::allocations() const {
+  return g_alloc.count;
+}
+long alloc_scope::live() const {
+  return static_cast<long>(g_alloc.live.size());
+}
 
 long alloc_sweep(const std::function<void(alloc_scope &)> &attempt, long limit) {
   for (long k = 1; k <= limit; ++k) {
@@ -117,7 +125,9 @@ void fail(call c, int err, int times) {
   plan(c).fail_left = times;
 }
 
-int calls(call c) { return plan(c).calls; }
+int calls(call c) {
+  return plan(c).calls;
+}
 
 void reset() {
   g_calls = {};
@@ -125,8 +135,12 @@ void reset() {
   g_setlocale.reset();
 }
 
-void fake_nl_langinfo(std::optional<const char *> answer) { g_nl_langinfo = answer; }
-void fake_setlocale(std::optional<const char *> answer) { g_setlocale = answer; }
+void fake_nl_langinfo(std::optional<const char *> answer) {
+  g_nl_langinfo = answer;
+}
+void fake_setlocale(std::optional<const char *> answer) {
+  g_setlocale = answer;
+}
 
 int open_fds() {
   DIR *d = opendir("/proc/self/fd");

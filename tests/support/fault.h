@@ -20,15 +20,15 @@ namespace fault {
 // While alive, the core allocator is the harness's: the k-th allocation (or
 // reallocation) made in its lifetime fails; k = 0 never fails.
 class alloc_scope {
-public:
+ public:
   explicit alloc_scope(long fail_at = 0);
   ~alloc_scope();
   alloc_scope(const alloc_scope &) = delete;
   alloc_scope &operator=(const alloc_scope &) = delete;
 
-  bool injected() const;    // the k-th allocation was reached and failed
-  long allocations() const; // allocations attempted, the failed one included
-  long live() const;        // blocks made in this scope and not yet freed
+  bool injected() const;     // the k-th allocation was reached and failed
+  long allocations() const;  // allocations attempted, the failed one included
+  long live() const;         // blocks made in this scope and not yet freed
 };
 
 // Runs `attempt` with allocation k failing, k = 1, 2, ... until an attempt
@@ -40,12 +40,7 @@ long alloc_sweep(const std::function<void(alloc_scope &)> &attempt, long limit =
 
 // ---- System calls ----------------------------------------------------------
 
-enum class call {
-  close,
-  nl_langinfo,
-  setlocale,
-  count_
-};
+enum class call { close, nl_langinfo, setlocale, count_ };
 
 // The next `times` calls of `c` fail with `err` (a wrapper that returns a
 // pointer returns null), then calls go through again.
@@ -61,7 +56,7 @@ void fake_setlocale(std::optional<const char *> answer);
 
 // Resets the system-call plans before and after each test using it.
 class Test : public ::testing::Test {
-protected:
+ protected:
   void SetUp() override { reset(); }
   void TearDown() override { reset(); }
 };

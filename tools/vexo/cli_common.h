@@ -1,0 +1,70 @@
+// What the vexo subcommands share: owners for library strings, failure
+// reporting, hex and terminal rendering of byte strings.
+#ifndef VEXO_TOOL_CLI_COMMON_H
+#define VEXO_TOOL_CLI_COMMON_H
+
+#include <vexo/vexo_unix.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace CLI {
+class App;
+}
+
+namespace vexo_cli {
+
+struct vexo_deleter {
+  void operator()(char *p) const { vexo_free(p); }
+};
+// A string the library handed out; never holds a pointer the caller lent.
+using vexo_string = std::unique_ptr<char, vexo_deleter>;
+
+// A library call failed where the tool cannot go on; main reports it and
+// exits with status 1.
+class failure : public std::runtime_error {
+ public:
+  failure(const std::string &what_failed, vexo_t_error_code code);
+  vexo_t_error_code code() const { return code_; }
+
+ private:
+  vexo_t_error_code code_;
+};
+
+// "VEXO_E_FILE_NOT_FOUND", or the number when the library has no name for it.
+std::string code_name(vexo_t_error_code code);
+// "VEXO_E_FILE_NOT_FOUND: <the library's sentence>".
+std::string describe(vexo_t_error_code code);
+// "vexo: <context>: <describe(code)>" on stderr.
+void report_failure(std::string_view context, vexo_t_error_code code);
+
+// "63 61 66 c3 a9"; "(empty)" for no bytes.
+std::string to_hex(std::string_view bytes);
+
+// Hex digit pairs, optionally separated by blanks ("65cc81", "65 cc 81").
+// Throws CLI::ValidationError naming `option` on anything else.
+std::string parse_hex(std::string_view text, const std::string &option);
+
+bool is_ascii(std::string_view bytes);
+bool is_legal_utf8(std::string_view bytes);
+
+// Whether the terminal takes UTF-8; decided once from the locale by main.
+void set_terminal_utf8(bool utf8);
+bool terminal_is_utf8();
+bool charset_is_utf8(std::string_view charset);
+
+// `bytes` in double quotes for the terminal: controls, quotes and bytes that
+// are not UTF-8 escaped (\xNN); other characters as they are when the
+// terminal takes UTF-8, else as \u{XXXX}.
+std::string printable(std::string_view bytes);
+
+// Each registers one subcommand whose run stores its exit status in `status`.
+void add_name_command(CLI::App &app, int &status);
+void add_charset_command(CLI::App &app, int &status);
+void add_tour_command(CLI::App &app, int &status);
+
+}  // namespace vexo_cli
+
+#endif  // VEXO_TOOL_CLI_COMMON_H

@@ -1,0 +1,325 @@
+// vexo tour: a short guided run through what the library does, in a scratch
+// directory that is removed at the end. Each section is a function of its
+// own; a new subsystem gets its section by adding one to `sections`.
+#include "cli_common.h"
+
+#include <CLI/CLI.hpp>
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <dirent.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <clocale>
+#include <csignal>
+#include <cstring>
+#include <iomanip>
+#include <iostream>
+#include <map>
+#include <system_error>
+#include <vector>
+
+namespace vexo_cli {
+
+namespace {
+
+// ---- Scratch directory ---------------------------------------------------
+
+volatile std::sig_atomic_t g_deferred_signal = 0;
+
+void defer_signal(int sig) {
+  g_deferred_signal = sig;
+}
+
+// The tour takes milliseconds, so signals that would end it (Ctrl-C, a
+// closed pipe) are held until the scratch directory is gone and then
+// delivered as they would have been.
+class deferred_signals {
+ public:
+  deferred_signals() {
+    struct sigaction sa = {};
+    sa.sa_handler = defer_signal;
+    sigemptyset(&sa.sa_mask);
+    for (size_t i = 0; i < std::size(kSignals); ++i)
+      sigaction(kSignals[i], &sa, &saved_[i]);
+  }
+  ~deferred_signals() {
+    for (size_t i = 0; i < std::size(kSignals); ++i)
+      sigaction(kSignals[i], &saved_[i], nullptr);
+    if (g_deferred_signal != 0)
+      std::raise(g_deferred_signal);
+  }
+  deferred_signals(const deferred_signals &) = delete;
+  deferred_signals &operator=(const deferred_signals &) = delete;
+
+ private:
+  static constexpr int kSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGPIPE};
+  struct sigaction saved_[std::size(kSignals)] = {};
+};
+
+int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
+  return ::remove(path);
+}
+
+class scratch_dir {
+ public:
+  scratch_dir() {
+    std::string base = "/tmp";
+    if (vexo_string tmpdir{vexo_get_system_property_allocate("TMPDIR", 0)}; tmpdir && *tmpdir != '\0')
+      base = tmpdir.get();
+    while (base.size() > 1 && base.back() == '/')
+      base.pop_back();
+    std::string path = base + "/vexo-tour-XXXXXX";
+    if (::mkdtemp(path.data()) == nullptr)
+      throw std::system_error(errno, std::generic_category(), "cannot make a scratch directory in " + base);
+    path_ = std::move(path);
+  }
+  ~scratch_dir() { remove(); }
+  scratch_dir(const scratch_dir &) = delete;
+  scratch_dir &operator=(const scratch_dir &) = delete;
+
+  const std::string &path() const { return path_; }
+
+  // Depth first, so later sections may leave subdirectories behind.
+  bool remove() {
+    if (path_.empty())
+      return true;
+    const bool removed = ::nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS) == 0;
+    if (!removed)
+      std::cerr << "vexo: could not remove the scratch directory " << path_ << ": " << std::strerror(errno)
+                << '\n';
+    path_.clear();
+    return removed;
+  }
+
+ private:
+  std::string path_;
+};
+
+// ---- Presentation --------------------------------------------------------
+
+struct tour {
+  std::string dir;
+  int step = 0;
+};
+
+void paragraph(const std::string &text, size_t indent = 4, size_t width = 78) {
+  std::string line;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t end = text.find(' ', pos);
+    if (end == std::string::npos)
+      end = text.size();
+    const std::string word = text.substr(pos, end - pos);
+    if (!line.empty() && indent + line.size() + 1 + word.size() > width) {
+      std::cout << std::string(indent, ' ') << line << '\n';
+      line.clear();
+    }
+    line += line.empty() ? word : " " + word;
+    pos = end + 1;
+  }
+  if (!line.empty())
+    std::cout << std::string(indent, ' ') << line << '\n';
+}
+
+void section(tour &t, const char *title, const std::string &why) {
+  std::cout << '\n' << ++t.step << ". " << title << '\n';
+  paragraph(why);
+  std::cout << '\n';
+}
+
+void row(const std::string &label, const std::string &value, int width = 26) {
+  std::cout << "    " << std::left << std::setw(width) << label << value << '\n';
+}
+
+std::string padded(std::string text, size_t width) {
+  if (text.size() < width)
+    text.resize(width, ' ');
+  return text;
+}
+
+// ---- Sections --------------------------------------------------------------
+
+void show_charset(tour &t) {
+  section(t, "The locale's character set",
+          "vexo_unix_default_charset asks the locale which character set text on this system is in: "
+          "nl_langinfo(CODESET), or when that is empty the part after the last '.' of the LC_CTYPE locale "
+          "name. "
+          "File names on disk are only bytes; this is how the user expects them to read.");
+  const char *locale = std::setlocale(LC_CTYPE, nullptr);
+  row("LC_CTYPE locale", locale != nullptr ? locale : "(none)");
+  char *charset = nullptr;
+  const vexo_t_error_code rc = vexo_unix_default_charset(&charset, 0);
+  if (rc < 0)
+    throw failure("vexo_unix_default_charset", rc);
+  vexo_string owner(charset);
+  row("character set", charset);
+}
+
+struct sample_name {
+  const char *label;
+  const char *bytes;
+};
+
+constexpr sample_name kSampleNames[] = {
+    {"composed (U+00E9)", "caf\xC3\xA9"},
+    {"decomposed (e U+0301)", "cafe\xCC\x81"},
+    {"ASCII", "cafe"},
+    {"Latin-1 byte 0xE9", "caf\xE9"},
+};
+
+void create_files(tour &t) {
+  section(t, "Four files whose names look alike",
+          "Created with plain open(2): the word cafe with a precomposed e-acute (U+00E9), with e followed "
+          "by a combining acute accent (U+0301), in plain ASCII, and with the single byte 0xE9, which is "
+          "e-acute in Latin-1 but is not UTF-8. The kernel keeps each name's bytes exactly as given, so "
+          "these are four different files.");
+  for (const sample_name &s : kSampleNames) {
+    const std::string path = t.dir + "/" + s.bytes;
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0 && errno != EILSEQ && errno != EINVAL)
+      throw std::system_error(errno, std::generic_category(), "cannot create " + printable(s.bytes));
+    const std::string outcome =
+        fd >= 0 ? "created" : std::string("refused by the file system: ") + std::strerror(errno);
+    if (fd >= 0)
+      ::close(fd);
+    row(s.label, padded(to_hex(s.bytes), 20) + outcome);
+  }
+}
+
+std::vector<std::string> read_names(const std::string &dir) {
+  std::unique_ptr<DIR, int (*)(DIR *)> d(::opendir(dir.c_str()), ::closedir);
+  if (!d)
+    throw std::system_error(errno, std::generic_category(), "cannot list " + dir);
+  std::vector<std::string> names;
+  while (const dirent *e = ::readdir(d.get())) {
+    const std::string name = e->d_name;
+    if (name != "." && name != "..")
+      names.push_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+struct conversion {
+  vexo_t_error_code rc = VEXO_S_NOERR;
+  std::string utf8;
+  bool lent = false;  // the caller's own pointer came back
+};
+
+// Failures other than "not UTF-8" are not what the tour sets out to show.
+conversion from_os(const std::string &os_name, vexo_t_bits options) {
+  conversion c;
+  char *utf8 = nullptr;
+  c.rc = vexo_file_name_from_os_unix(os_name.c_str(), &utf8, options);
+  if (c.rc == VEXO_E_ENCODING_INVALID)
+    return c;
+  if (c.rc < 0)
+    throw failure("vexo_file_name_from_os_unix on " + to_hex(os_name), c.rc);
+  c.utf8 = utf8;
+  c.lent = utf8 == os_name.c_str();
+  if (!c.lent)
+    vexo_free(utf8);
+  return c;
+}
+
+std::string shown(const conversion &c) {
+  if (c.rc < 0)
+    return "fails: " + code_name(c.rc);
+  std::string text = padded(to_hex(c.utf8), 17) + printable(c.utf8);
+  if (c.rc == 1)
+    text += "  status 1: read as Latin-1";
+  return text;
+}
+
+void list_names(tour &t) {
+  section(t, "Listing the directory and converting each name",
+          "readdir hands back the raw bytes. vexo_file_name_from_os_unix turns each into UTF-8 in NFC: "
+          "ASCII passes untouched, a decomposed name is composed, and bytes that are not UTF-8 either "
+          "fail (options 0) or, with VEXO_FILE_NAME_OPTION_LATIN1_FALLBACK, are read as Latin-1 and "
+          "reported with status 1. With VEXO_FILE_NAME_OPTION_NO_COPY an ASCII name comes back as the "
+          "caller's own pointer, without an allocation.");
+  std::map<std::string, int> listed_as;
+  for (const std::string &name : read_names(t.dir)) {
+    const conversion strict = from_os(name, 0);
+    const conversion rescued = from_os(name, VEXO_FILE_NAME_OPTION_LATIN1_FALLBACK);
+    const conversion borrowed =
+        from_os(name, VEXO_FILE_NAME_OPTION_LATIN1_FALLBACK | VEXO_FILE_NAME_OPTION_NO_COPY);
+    std::cout << "  " << to_hex(name) << "  " << printable(name) << '\n';
+    row("options 0", shown(strict));
+    row("LATIN1_FALLBACK", shown(rescued));
+    row("LATIN1_FALLBACK|NO_COPY", borrowed.lent ? "the caller's own pointer" : "a new string");
+    if (rescued.rc >= 0)
+      ++listed_as[rescued.utf8];
+  }
+  for (const auto &[utf8, count] : listed_as) {
+    if (count < 2)
+      continue;
+    std::cout << '\n';
+    paragraph(std::to_string(count) + " different files now carry the same UTF-8 name " + printable(utf8) +
+              "; opening that name reaches only the file whose bytes are exactly those.");
+  }
+}
+
+void show_root_lengths(tour &t) {
+  section(t, "The root of a path",
+          "vexo_unix_path_root_len gives the length of the root prefix of an absolute path: the one "
+          "leading slash, however many follow it. A relative path has no root and gives "
+          "VEXO_E_FILE_NOT_ABSOLUTE.");
+  for (const std::string &path : {t.dir, std::string("//srv/share"), std::string("notes/today.txt"),
+                                  std::string("./x"), std::string()}) {
+    const vexo_t_error_code rc = vexo_unix_path_root_len(path.c_str());
+    row(printable(path), rc < 0 ? code_name(rc) : std::to_string(rc), 40);
+  }
+}
+
+void show_validator(tour &t) {
+  section(t, "The UTF-8 validator",
+          "vexo_is_legal_utf8_string decides what counts as UTF-8 for every conversion above: shortest "
+          "forms only, no UTF-16 surrogates, nothing above U+10FFFF. It tests every byte of the size it "
+          "is given, so a NUL inside a sized text is legal.");
+  const std::pair<const char *, std::string> samples[] = {
+      {"ASCII", "hello"},
+      {"e-acute in UTF-8", "caf\xC3\xA9"},
+      {"e-acute in Latin-1", "caf\xE9"},
+      {"overlong '/'", "\xC0\xAF"},
+      {"surrogate U+D800", "\xED\xA0\x80"},
+      {"above U+10FFFF", "\xF4\x90\x80\x80"},
+      {"cut-off euro sign", "\xE2\x82"},
+      {"NUL inside", std::string("a\0b", 3)},
+  };
+  for (const auto &[label, bytes] : samples) {
+    const vexo_t_error_code rc = vexo_is_legal_utf8_string(bytes.data(), bytes.size(), 0);
+    row(label, padded(to_hex(bytes), 14) + (rc < 0 ? code_name(rc) : "legal"));
+  }
+}
+
+using section_fn = void (*)(tour &);
+constexpr section_fn sections[] = {show_charset, create_files, list_names, show_root_lengths, show_validator};
+
+int run_tour() {
+  deferred_signals held;
+  scratch_dir scratch;
+  tour t{scratch.path()};
+  std::cout << "A tour of vexo in the scratch directory " << t.dir << '\n';
+  for (section_fn s : sections)
+    s(t);
+  std::cout << '\n';
+  if (!scratch.remove())
+    return 1;
+  std::cout << "Removed " << t.dir << ".\n";
+  return 0;
+}
+
+}  // namespace
+
+void add_tour_command(CLI::App &app, int &status) {
+  CLI::App *cmd = app.add_subcommand(
+      "tour", "A short guided run of what vexo does, in a scratch directory under $TMPDIR (or /tmp).");
+  cmd->callback([&status] { status = run_tour(); });
+}
+
+}  // namespace vexo_cli

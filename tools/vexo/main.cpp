@@ -1,0 +1,57 @@
+// vexo: shows what the library does with the names and text of this system.
+#include "cli_common.h"
+
+#include <CLI/CLI.hpp>
+
+#include <clocale>
+#include <exception>
+#include <iostream>
+
+namespace {
+
+// Decides whether the terminal can be sent UTF-8 as it is; when the library
+// cannot tell, escaping is the safe side.
+void detect_terminal_charset() {
+  char *charset = nullptr;
+  if (vexo_unix_default_charset(&charset, 0) < 0)
+    return;
+  vexo_cli::vexo_string owner(charset);
+  vexo_cli::set_terminal_utf8(vexo_cli::charset_is_utf8(charset));
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  // The library reads the locale (character set), so it must be the user's.
+  std::setlocale(LC_ALL, "");
+  detect_terminal_charset();
+
+  CLI::App app{"Shows how vexo converts file names and text between this system and UTF-8.", "vexo"};
+  app.require_subcommand(1, 1);
+  app.failure_message([](const CLI::App *, const CLI::Error &e) {
+    return std::string("vexo: ") + e.what() + "\nRun with --help for more information.\n";
+  });
+  int status = 0;
+  vexo_cli::add_name_command(app, status);
+  vexo_cli::add_charset_command(app, status);
+  vexo_cli::add_tour_command(app, status);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &e) {
+    // Without this, a misspelt subcommand reads as a missing one.
+    if (app.get_subcommands().empty() && !app.remaining().empty() && app.remaining().front()[0] != '-') {
+      std::cerr << "vexo: unknown command '" << app.remaining().front() << "' (name, charset or tour)\n"
+                << "Run with --help for more information.\n";
+      return 2;
+    }
+    return app.exit(e);
+  } catch (const vexo_cli::failure &e) {
+    vexo_cli::report_failure(e.what(), e.code());
+    return 1;
+  } catch (const std::exception &e) {
+    std::cerr << "vexo: " << e.what() << '\n';
+    return 1;
+  }
+  return status;
+}
