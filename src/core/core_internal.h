@@ -11,6 +11,9 @@
 
 namespace vexo {
 
+// Length of the leading run of bytes below 0x80, scanned a word at a time.
+size_t ascii_prefix(const void *s, size_t size) noexcept;
+
 struct free_deleter {
   void operator()(void *p) const noexcept { vexo_free(p); }
 };

@@ -2,7 +2,7 @@
 // U+10FFFF, NUL legal. Every byte of the given size is tested. ASCII runs are
 // skipped a machine word at a time, since most names and environments are
 // ASCII.
-#include <vexo/vexo_core.h>
+#include "core_internal.h"
 
 #include <cstdint>
 #include <cstring>
@@ -69,6 +69,11 @@ inline size_t sequence_length(const uint8_t *p, size_t left) {
 }
 
 }  // namespace
+
+size_t vexo::ascii_prefix(const void *s, size_t size) noexcept {
+  const auto *p = static_cast<const uint8_t *>(s);
+  return static_cast<size_t>(skip_ascii(p, p + size) - p);
+}
 
 extern "C" vexo_t_error_code vexo_is_legal_utf8_string(const void *s, size_t size, vexo_t_bits options) {
   (void)options;

@@ -38,6 +38,20 @@ vexo_t_error_code utf8_to_nfc(const char *utf8, char **putf8_nfc, vexo_t_bits op
     return VEXO_E_IMPOSSIBLE_ERROR;
   const icu::StringPiece src(utf8, static_cast<int32_t>(len));
 
+  // Most names read from disk are composed already: ICU's quick check is the
+  // cheaper sizing pass for them, and the fill is a copy.
+  const bool composed = nfc->isNormalizedUTF8(src, status);
+  if (U_FAILURE(status))
+    return VEXO_E_IMPOSSIBLE_ERROR;
+  if (composed) {
+    char *out = static_cast<char *>(vexo_alloc(len + 1));
+    if (out == nullptr)
+      return VEXO_E_OUT_OF_MEMORY;
+    std::memcpy(out, utf8, len + 1);
+    *putf8_nfc = out;
+    return VEXO_S_NOERR;
+  }
+
   char scratch[kScratchSize];
   icu::CheckedArrayByteSink sizing(scratch, kScratchSize);
   nfc->normalizeUTF8(0, src, sizing, nullptr, status);
