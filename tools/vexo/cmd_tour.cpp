@@ -135,9 +135,9 @@ void row(const std::string &label, const std::string &value, int width = 26) {
   std::cout << "    " << std::left << std::setw(width) << label << value << '\n';
 }
 
+// Always leaves at least one space between columns.
 std::string padded(std::string text, size_t width) {
-  if (text.size() < width)
-    text.resize(width, ' ');
+  text.resize(text.size() < width ? width : text.size() + 1, ' ');
   return text;
 }
 
