@@ -10,6 +10,19 @@ namespace {
 // The success status that tells the caller its text was not UTF-8.
 constexpr auto kReadAsLatin1 = static_cast<vexo_t_error_code>(1);
 
+// The caller's own string under VEXO_FILE_NAME_OPTION_NO_COPY, else a copy.
+vexo_t_error_code lend_or_copy(const char *s, char **pout, vexo_t_bits options) {
+  if ((options & VEXO_FILE_NAME_OPTION_NO_COPY) != 0) {
+    *pout = const_cast<char *>(s);
+    return VEXO_S_NOERR;
+  }
+  char *copy = vexo_alloc_string(s);
+  if (copy == nullptr)
+    return VEXO_E_OUT_OF_MEMORY;
+  *pout = copy;
+  return VEXO_S_NOERR;
+}
+
 }  // namespace
 
 int is_ASCII(const char *s) {
@@ -90,17 +103,8 @@ vexo_t_error_code vexo_file_name_from_os_darwin(const char *senc_path, char **pu
     return VEXO_E_PARAMETER_ERROR;
 
   // Most names are ASCII, which is UTF-8 and NFC already.
-  if (is_ASCII(senc_path)) {
-    if ((options & VEXO_FILE_NAME_OPTION_NO_COPY) != 0) {
-      *putf8_path = const_cast<char *>(senc_path);
-      return VEXO_S_NOERR;
-    }
-    char *copy = vexo_alloc_string(senc_path);
-    if (copy == nullptr)
-      return VEXO_E_OUT_OF_MEMORY;
-    *putf8_path = copy;
-    return VEXO_S_NOERR;
-  }
+  if (is_ASCII(senc_path))
+    return lend_or_copy(senc_path, putf8_path, options);
 
   vexo_t_error_code result = VEXO_S_NOERR;
   vexo::maybe_owned raw(senc_path);
@@ -127,15 +131,7 @@ extern "C" {
 vexo_t_error_code vexo_file_name_for_os_unix(const char *utf8_name, char **pos_name, vexo_t_bits options) {
   if (utf8_name == nullptr || pos_name == nullptr)
     return VEXO_E_PARAMETER_ERROR;
-  if ((options & VEXO_FILE_NAME_OPTION_NO_COPY) != 0) {
-    *pos_name = const_cast<char *>(utf8_name);
-    return VEXO_S_NOERR;
-  }
-  char *copy = vexo_alloc_string(utf8_name);
-  if (copy == nullptr)
-    return VEXO_E_OUT_OF_MEMORY;
-  *pos_name = copy;
-  return VEXO_S_NOERR;
+  return lend_or_copy(utf8_name, pos_name, options);
 }
 
 vexo_t_error_code vexo_file_name_from_os_unix(const char *senc_path, char **putf8_path, vexo_t_bits options) {
