@@ -99,7 +99,7 @@ inline std::string goal_text(const goal &g) {
   char text[48];
   switch (g.kind) {
     case goal_kind::ratio_at_most:
-      std::snprintf(text, sizeof text, "ratio <= %.2g", g.value);
+      std::snprintf(text, sizeof text, "ratio <= %.3g", g.value);
       return text;
     case goal_kind::vexo_ns_at_most:
       std::snprintf(text, sizeof text, "vexo <= %.3g ns", g.value);

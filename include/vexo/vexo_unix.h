@@ -44,6 +44,51 @@ VEXO_API vexo_t_error_code vexo_unix_default_charset(char **pcharset, vexo_t_bit
 /* 1 for a path beginning with '/', else VEXO_E_FILE_NOT_ABSOLUTE. */
 VEXO_API vexo_t_error_code vexo_unix_path_root_len(const char *utf8_path);
 
+/* ---- Paths and well-known directories ------------------------------------ */
+
+/* rmdir instead of unlink. */
+#define VEXO_DELETE_OPTION_DIRECTORY 0x1u
+/* With VEXO_DELETE_OPTION_DIRECTORY: refuse with VEXO_E_NOT_IMPLEMENTED. */
+#define VEXO_DELETE_OPTION_NOT_IMPLEMENTED 0x4u
+/* A working directory that is not UTF-8 is read as ISO 8859-1 (status 1). */
+#define VEXO_WORKING_DIRECTORY_OPTION_LATIN1_FALLBACK 0x4u
+
+VEXO_API vexo_t_error_code vexo_unix_delete_file(const char *utf8_file, vexo_t_bits options);
+VEXO_API vexo_t_error_code vexo_unix_rename_file(const char *utf8_oldfile, const char *utf8_newfile,
+                                                 vexo_t_bits options);
+VEXO_API vexo_t_error_code vexo_unix_create_directory(const char *utf8_dir, vexo_t_bits options);
+VEXO_API vexo_t_error_code vexo_set_working_directory_unix(const char *utf8_dir, vexo_t_bits options);
+VEXO_API vexo_t_error_code vexo_get_working_directory_unix(char **putf8_dir, vexo_t_bits options);
+/* "TMPDIR", else "/tmp"; always ends in '/'. */
+VEXO_API vexo_t_error_code vexo_unix_temp_directory(char **putf8_dir, vexo_t_bits options);
+
+/* ---- File status and access ------------------------------------------------- */
+
+/* `info` may be null (an existence and type test); it is written only on
+ * success. Options and record: vexo_file.h. */
+VEXO_API vexo_t_error_code vexo_stat_unix(const char *utf8_path, vexo_t_stat *info, vexo_t_bits options);
+
+#define VEXO_ACCESS_OPTION_EXECUTE 0x1u
+#define VEXO_ACCESS_OPTION_WRITE 0x2u
+#define VEXO_ACCESS_OPTION_READ 0x4u
+/* An existing path must be writable; a missing one, its parent directory. */
+#define VEXO_ACCESS_OPTION_CREATE 0x8u
+#define VEXO_ACCESS_OPTION_SEARCH 0x10u
+/* The path must be a directory; without it, it must not be one. */
+#define VEXO_ACCESS_OPTION_DIRECTORY 0x20u
+/* The path must exist and be a regular file. */
+#define VEXO_ACCESS_OPTION_REGULAR 0x40u
+
+/* VEXO_S_NOERR when the calling process may use the path as the options
+ * ask, judged from the permission bits; otherwise the reason. */
+VEXO_API vexo_t_error_code vexo_unix_test_file_access(const char *utf8_path, vexo_t_bits options);
+
+/* ---- User and group names ----------------------------------------------- */
+
+/* The database's name bytes as they are, as a new string. */
+VEXO_API vexo_t_error_code vexo_user_id_name_unix(vexo_t_uid uid, char **pname, vexo_t_bits options);
+VEXO_API vexo_t_error_code vexo_group_id_name_unix(vexo_t_gid gid, char **pname, vexo_t_bits options);
+
 VEXO_END_DECLS
 
 #endif /* VEXO_UNIX_H */

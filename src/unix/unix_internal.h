@@ -10,6 +10,8 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <sys/stat.h>
+#include <sys/types.h>
 
 // Stores a result code in the operation's `result` and leaves through the
 // owners' destructors when it is a failure; a positive status is kept.
@@ -53,5 +55,25 @@ vexo_t_error_code utf8_to_nfc(const char *utf8, char **putf8_nfc, vexo_t_bits op
 // names must be NFC; here it is built on ICU.
 vexo_t_error_code vexo_file_name_from_os_darwin(const char *senc_path, char **putf8_path,
                                                 vexo_t_bits options);
+
+// ---- File system -------------------------------------------------------------
+
+// System-call wrappers repeated while interrupted; 0 or the errno value.
+int os_stat(const char *os_path, struct stat *pstat_buf);
+int os_rename(const char *os_oldpath, const char *os_newpath);
+int os_mkdir(const char *os_path, mode_t mode);
+
+// Which permission bits of a file apply to the calling process.
+enum vexo_t_unix_access_class {
+  VEXO_UNIX_ACCESS_CLASS_INVALID = 0,
+  VEXO_UNIX_ACCESS_CLASS_OWNER = 1,
+  VEXO_UNIX_ACCESS_CLASS_GROUP = 2,
+  VEXO_UNIX_ACCESS_CLASS_OTHER = 3
+};
+
+// From the effective user id, effective group id and supplementary groups;
+// only st_uid and st_gid are read. The class is written only on success.
+vexo_t_error_code vexo_unix_access_class(const struct stat *stat_buf,
+                                         vexo_t_unix_access_class *paccess_class);
 
 #endif  // VEXO_UNIX_INTERNAL_H

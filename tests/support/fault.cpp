@@ -6,8 +6,12 @@
 #include <cerrno>
 #include <cstdlib>
 #include <dirent.h>
+#include <grp.h>
 #include <langinfo.h>
 #include <locale.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <unordered_set>
 
 namespace fault {
@@ -64,6 +68,7 @@ struct call_plan {
 std::array<call_plan, static_cast<size_t>(call::count_)> g_calls;
 std::optional<const char *> g_nl_langinfo;
 std::optional<const char *> g_setlocale;
+std::vector<size_t> g_getcwd_sizes;
 
 call_plan &plan(call c) {
   return g_calls[static_cast<size_t>(c)];
@@ -133,6 +138,11 @@ void reset() {
   g_calls = {};
   g_nl_langinfo.reset();
   g_setlocale.reset();
+  g_getcwd_sizes.clear();
+}
+
+const std::vector<size_t> &getcwd_sizes() {
+  return g_getcwd_sizes;
 }
 
 void fake_nl_langinfo(std::optional<const char *> answer) {
@@ -186,6 +196,51 @@ char *__wrap_setlocale(int category, const char *locale) {
   if (fault::g_setlocale)
     return const_cast<char *>(*fault::g_setlocale);
   return __real_setlocale(category, locale);
+}
+
+// Calls that report failure as -1 with errno.
+#define FAULT_WRAP_POSIX(ret, name, params, args) \
+  ret __real_##name params;                       \
+  ret __wrap_##name params {                      \
+    if (fault::take(fault::call::name))           \
+      return -1;                                  \
+    return __real_##name args;                    \
+  }
+
+FAULT_WRAP_POSIX(int, stat, (const char *path, struct stat *buf), (path, buf))
+FAULT_WRAP_POSIX(int, unlink, (const char *path), (path))
+FAULT_WRAP_POSIX(int, rmdir, (const char *path), (path))
+FAULT_WRAP_POSIX(int, rename, (const char *from, const char *to), (from, to))
+FAULT_WRAP_POSIX(int, mkdir, (const char *path, mode_t mode), (path, mode))
+FAULT_WRAP_POSIX(int, chdir, (const char *path), (path))
+FAULT_WRAP_POSIX(int, getgroups, (int size, gid_t *list), (size, list))
+FAULT_WRAP_POSIX(long, sysconf, (int name), (name))
+
+char *__real_getcwd(char *buf, size_t size);
+char *__wrap_getcwd(char *buf, size_t size) {
+  fault::g_getcwd_sizes.push_back(size);
+  if (fault::take(fault::call::getcwd))
+    return nullptr;
+  return __real_getcwd(buf, size);
+}
+
+// These two return the error number instead of setting errno.
+int __real_getpwuid_r(uid_t uid, struct passwd *pwd, char *buf, size_t size, struct passwd **result);
+int __wrap_getpwuid_r(uid_t uid, struct passwd *pwd, char *buf, size_t size, struct passwd **result) {
+  if (fault::take(fault::call::getpwuid_r)) {
+    *result = nullptr;
+    return errno;
+  }
+  return __real_getpwuid_r(uid, pwd, buf, size, result);
+}
+
+int __real_getgrgid_r(gid_t gid, struct group *grp, char *buf, size_t size, struct group **result);
+int __wrap_getgrgid_r(gid_t gid, struct group *grp, char *buf, size_t size, struct group **result) {
+  if (fault::take(fault::call::getgrgid_r)) {
+    *result = nullptr;
+    return errno;
+  }
+  return __real_getgrgid_r(gid, grp, buf, size, result);
 }
 
 }  // extern "C"

@@ -12,6 +12,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace fault {
 
@@ -40,15 +41,36 @@ long alloc_sweep(const std::function<void(alloc_scope &)> &attempt, long limit =
 
 // ---- System calls ----------------------------------------------------------
 
-enum class call { close, nl_langinfo, setlocale, count_ };
+enum class call {
+  close,
+  nl_langinfo,
+  setlocale,
+  stat,
+  unlink,
+  rmdir,
+  rename,
+  mkdir,
+  chdir,
+  getcwd,
+  getgroups,
+  sysconf,
+  getpwuid_r,
+  getgrgid_r,
+  count_
+};
 
-// The next `times` calls of `c` fail with `err` (a wrapper that returns a
-// pointer returns null), then calls go through again.
+// The next `times` calls of `c` fail with `err`, then calls go through again.
+// A failing call returns what the real one returns on failure: -1 with errno
+// set, null with errno set for pointer results, and the error number itself
+// for getpwuid_r/getgrgid_r. `err` may be 0 (sysconf's "no limit").
 void fail(call c, int err, int times = 1);
 // Calls of `c` made since the last reset (armed or not).
 int calls(call c);
 // Disarms every call, forgets counts and fake answers.
 void reset();
+
+// The size argument of every getcwd call since the last reset, in order.
+const std::vector<size_t> &getcwd_sizes();
 
 // Pointer-returning calls can be given a fixed answer instead of an errno.
 void fake_nl_langinfo(std::optional<const char *> answer);

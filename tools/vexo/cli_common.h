@@ -60,10 +60,35 @@ bool charset_is_utf8(std::string_view charset);
 // terminal takes UTF-8, else as \u{XXXX}.
 std::string printable(std::string_view bytes);
 
+// ---- File status, shared by `stat` and the tour (cmd_stat.cpp) ----------
+
+// Every field of the record; the two REQUIRE options would only turn a
+// display into a type test.
+constexpr vexo_t_bits kStatAllFields =
+    VEXO_STAT_OPTION_MODE | VEXO_STAT_OPTION_ACCESS | VEXO_STAT_OPTION_TYPE | VEXO_STAT_OPTION_TIMES |
+    VEXO_STAT_OPTION_SIZE | VEXO_STAT_OPTION_OWNER | VEXO_STAT_OPTION_GROUP;
+
+// One class nibble of vexo_t_stat::mode as three letters: r, w, then x for
+// execute or s for search ("rw-", "r-s").
+std::string permission_letters(vexo_t_bits nibble);
+// Owner, group and others ("rwsr-sr-s").
+std::string permissions_text(vexo_t_bits mode);
+// The caller's own access bits of `mode`, as one class ("rw-").
+std::string caller_access_text(vexo_t_bits mode);
+// "2024-05-01 14:03:27 +0200", in the local time zone.
+std::string local_time_text(vexo_t_time t);
+// "root (0)"; the number alone, with the reason, when the name lookup fails.
+std::string user_text(vexo_t_uid uid);
+std::string group_text(vexo_t_gid gid);
+
 // Each registers one subcommand whose run stores its exit status in `status`.
 void add_name_command(CLI::App &app, int &status);
 void add_charset_command(CLI::App &app, int &status);
 void add_tour_command(CLI::App &app, int &status);
+// stat, access
+void add_stat_commands(CLI::App &app, int &status);
+// mkdir, rm, mv, cwd, tmpdir
+void add_path_commands(CLI::App &app, int &status);
 
 }  // namespace vexo_cli
 

@@ -297,8 +297,106 @@ void show_validator(tour &t) {
   }
 }
 
+std::string rc_text(vexo_t_error_code rc) {
+  return rc == VEXO_S_NOERR ? "ok" : code_name(rc);
+}
+
+void show_status(const std::string &label, const std::string &path) {
+  vexo_t_stat info = {};
+  const vexo_t_error_code rc = vexo_stat_unix(path.c_str(), &info, kStatAllFields);
+  if (rc < 0)
+    throw failure("vexo_stat_unix on " + printable(path), rc);
+  std::cout << "  " << label << '\n';
+  row("type", (info.type & VEXO_STAT_TYPE_DIRECTORY) != 0 ? "directory" : "not a directory");
+  row("permissions, your access", permissions_text(info.mode) + ", " + caller_access_text(info.mode));
+  row("size", std::to_string(info.size) + " bytes");
+  row("modified", local_time_text(info.modify_time));
+  row("owner, group", user_text(info.owner) + ", " + group_text(info.group));
+}
+
+void show_file_system(tour &t) {
+  section(t, "Files and directories",
+          "vexo_unix_create_directory makes one directory (mode 0777, less the umask); a file is put in it "
+          "with plain open(2). vexo_stat_unix fills only what its options ask for: permission bits one class "
+          "at a time, execute shown as search (s) on a directory; the caller's own access, judged from the "
+          "bits of the one class the process falls in (owner, group or other), never by asking the kernel, "
+          "so root gets no favours; and the times, the third being the last status change, not a birth "
+          "time.");
+  const std::string dir = t.dir + "/fs-demo";
+  const std::string file = dir + "/notes.txt";
+  if (const vexo_t_error_code rc = vexo_unix_create_directory(dir.c_str(), 0); rc < 0)
+    throw failure("vexo_unix_create_directory " + printable(dir), rc);
+  const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0640);
+  if (fd < 0)
+    throw std::system_error(errno, std::generic_category(), "cannot create " + file);
+  static constexpr char kText[] = "a line of notes\n";
+  const bool written = ::write(fd, kText, sizeof kText - 1) == static_cast<ssize_t>(sizeof kText - 1);
+  const int write_errno = errno;
+  ::close(fd);
+  if (!written)
+    throw std::system_error(write_errno, std::generic_category(), "cannot write " + file);
+  show_status("fs-demo", dir);
+  show_status("fs-demo/notes.txt (made with mode 0640)", file);
+
+  std::cout << '\n';
+  paragraph(
+      "vexo_unix_test_file_access answers with its result code alone. A directory must be asked "
+      "for with VEXO_ACCESS_OPTION_DIRECTORY; VEXO_ACCESS_OPTION_CREATE judges a missing file by "
+      "whether its parent directory is writable.");
+  std::cout << '\n';
+  const std::string missing = dir + "/not-yet.txt";
+  const struct {
+    const char *label;
+    const std::string &path;
+    vexo_t_bits options;
+  } tests[] = {
+      {"notes.txt READ", file, VEXO_ACCESS_OPTION_READ},
+      {"notes.txt WRITE", file, VEXO_ACCESS_OPTION_WRITE},
+      {"notes.txt EXECUTE", file, VEXO_ACCESS_OPTION_EXECUTE},
+      {"fs-demo (no options)", dir, 0},
+      {"fs-demo DIRECTORY|SEARCH", dir, VEXO_ACCESS_OPTION_DIRECTORY | VEXO_ACCESS_OPTION_SEARCH},
+      {"not-yet.txt READ", missing, VEXO_ACCESS_OPTION_READ},
+      {"not-yet.txt CREATE", missing, VEXO_ACCESS_OPTION_CREATE},
+  };
+  for (const auto &test : tests) {
+    const vexo_t_error_code rc = vexo_unix_test_file_access(test.path.c_str(), test.options);
+    row(test.label, rc == VEXO_S_NOERR ? "yes" : code_name(rc));
+  }
+
+  std::cout << '\n';
+  paragraph(
+      "Rename is one rename(2); delete is unlink(2), or rmdir(2) with VEXO_DELETE_OPTION_DIRECTORY, "
+      "which refuses a directory that still holds something.");
+  std::cout << '\n';
+  const std::string renamed = dir + "/renamed.txt";
+  const auto step = [](const char *label, vexo_t_error_code rc) { row(label, rc_text(rc), 34); };
+  step("rename notes.txt to renamed.txt", vexo_unix_rename_file(file.c_str(), renamed.c_str(), 0));
+  step("stat notes.txt", vexo_stat_unix(file.c_str(), nullptr, 0));
+  step("delete fs-demo, DIRECTORY", vexo_unix_delete_file(dir.c_str(), VEXO_DELETE_OPTION_DIRECTORY));
+  step("delete fs-demo, no options", vexo_unix_delete_file(dir.c_str(), 0));
+  step("delete renamed.txt", vexo_unix_delete_file(renamed.c_str(), 0));
+  step("delete renamed.txt again", vexo_unix_delete_file(renamed.c_str(), 0));
+  step("delete fs-demo (now empty)", vexo_unix_delete_file(dir.c_str(), VEXO_DELETE_OPTION_DIRECTORY));
+
+  std::cout << '\n';
+  paragraph(
+      "The working directory comes back as a new UTF-8 string; the temporary directory is $TMPDIR, "
+      "or /tmp, always ending in a slash.");
+  std::cout << '\n';
+  char *cwd = nullptr;
+  const vexo_t_error_code crc =
+      vexo_get_working_directory_unix(&cwd, VEXO_WORKING_DIRECTORY_OPTION_LATIN1_FALLBACK);
+  vexo_string cwd_owner(crc >= 0 ? cwd : nullptr);
+  row("working directory", crc >= 0 ? printable(cwd) : code_name(crc));
+  char *tmp = nullptr;
+  const vexo_t_error_code trc = vexo_unix_temp_directory(&tmp, 0);
+  vexo_string tmp_owner(trc >= 0 ? tmp : nullptr);
+  row("temporary directory", trc >= 0 ? printable(tmp) : code_name(trc));
+}
+
 using section_fn = void (*)(tour &);
-constexpr section_fn sections[] = {show_charset, create_files, list_names, show_root_lengths, show_validator};
+constexpr section_fn sections[] = {show_charset,      create_files,   list_names,
+                                   show_root_lengths, show_validator, show_file_system};
 
 int run_tour() {
   deferred_signals held;

@@ -1,4 +1,5 @@
-// vexo: shows what the library does with the names and text of this system.
+// vexo: shows what the library does with the names, text and files of this
+// system.
 #include "cli_common.h"
 
 #include <CLI/CLI.hpp>
@@ -26,7 +27,10 @@ int main(int argc, char **argv) {
   std::setlocale(LC_ALL, "");
   detect_terminal_charset();
 
-  CLI::App app{"Shows how vexo converts file names and text between this system and UTF-8.", "vexo"};
+  CLI::App app{
+      "Shows how vexo converts file names and text between this system and UTF-8, and what it says about "
+      "files and paths.",
+      "vexo"};
   app.require_subcommand(1, 1);
   app.failure_message([](const CLI::App *, const CLI::Error &e) {
     return std::string("vexo: ") + e.what() + "\nRun with --help for more information.\n";
@@ -34,6 +38,8 @@ int main(int argc, char **argv) {
   int status = 0;
   vexo_cli::add_name_command(app, status);
   vexo_cli::add_charset_command(app, status);
+  vexo_cli::add_stat_commands(app, status);
+  vexo_cli::add_path_commands(app, status);
   vexo_cli::add_tour_command(app, status);
 
   try {
@@ -41,7 +47,8 @@ int main(int argc, char **argv) {
   } catch (const CLI::ParseError &e) {
     // Without this, a misspelt subcommand reads as a missing one.
     if (app.get_subcommands().empty() && !app.remaining().empty() && app.remaining().front()[0] != '-') {
-      std::cerr << "vexo: unknown command '" << app.remaining().front() << "' (name, charset or tour)\n"
+      std::cerr << "vexo: unknown command '" << app.remaining().front()
+                << "' (name, charset, stat, access, mkdir, rm, mv, cwd, tmpdir or tour)\n"
                 << "Run with --help for more information.\n";
       return 2;
     }
