@@ -259,7 +259,6 @@ int main(int argc, char **argv) {
           {"cwd, 1000 bytes", "BM_vexo_cwd/1000", "BM_getcwd/1000", {bench::goal_kind::ratio_at_most, 1.2}},
           {"access READ, owner", "BM_vexo_access/read", "BM_access/read", {}},
       });
-  std::printf("The stat goal is a ratio of at most 1.05 (the goal column rounds it).\n");
   std::printf(
       "The vexo cwd figures include freeing the result. A name over 256 bytes takes vexo one getcwd per "
       "buffer of 257, 513, 1025 ... bytes until it fits; getcwd here is given PATH_MAX at once.\n");

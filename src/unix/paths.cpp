@@ -12,18 +12,8 @@ namespace {
 constexpr size_t kFirstWorkingDirectoryLength = 256;
 constexpr int kWorkingDirectoryAttempts = 9;
 
-// An interrupted call has done nothing, so it is simply made again.
-template <class Call>
-int repeat_while_interrupted(Call call) {
-  while (call() == -1) {
-    if (errno != EINTR)
-      return errno;
-  }
-  return 0;
-}
-
 vexo_t_error_code delete_directory(const char *os_dir) {
-  const int err = repeat_while_interrupted([os_dir] { return rmdir(os_dir); });
+  const int err = retry_on_eintr([os_dir] { return rmdir(os_dir); });
   switch (err) {
     case 0:
       return VEXO_S_NOERR;
@@ -39,7 +29,7 @@ vexo_t_error_code delete_directory(const char *os_dir) {
 }
 
 vexo_t_error_code delete_non_directory(const char *os_file) {
-  const int err = repeat_while_interrupted([os_file] { return unlink(os_file); });
+  const int err = retry_on_eintr([os_file] { return unlink(os_file); });
   switch (err) {
     case 0:
       return VEXO_S_NOERR;
@@ -55,11 +45,11 @@ vexo_t_error_code delete_non_directory(const char *os_file) {
 }  // namespace
 
 int os_rename(const char *os_oldpath, const char *os_newpath) {
-  return repeat_while_interrupted([=] { return rename(os_oldpath, os_newpath); });
+  return retry_on_eintr([=] { return rename(os_oldpath, os_newpath); });
 }
 
 int os_mkdir(const char *os_path, mode_t mode) {
-  return repeat_while_interrupted([=] { return mkdir(os_path, mode); });
+  return retry_on_eintr([=] { return mkdir(os_path, mode); });
 }
 
 extern "C" {

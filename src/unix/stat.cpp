@@ -54,12 +54,7 @@ const class_bits &bits_of(vexo_t_unix_access_class access_class) {
 }  // namespace
 
 int os_stat(const char *os_path, struct stat *pstat_buf) {
-  for (;;) {
-    if (stat(os_path, pstat_buf) == 0)
-      return 0;
-    if (errno != EINTR)
-      return errno;
-  }
+  return retry_on_eintr([=] { return stat(os_path, pstat_buf); });
 }
 
 vexo_t_error_code vexo_unix_access_class(const struct stat *stat_buf,

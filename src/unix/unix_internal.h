@@ -58,6 +58,17 @@ vexo_t_error_code vexo_file_name_from_os_darwin(const char *senc_path, char **pu
 
 // ---- File system -------------------------------------------------------------
 
+// Makes a call that reports failure as -1 until it is not interrupted:
+// an interrupted call has done nothing. 0 or the errno value.
+template <class Call>
+int retry_on_eintr(Call call) {
+  while (call() == -1) {
+    if (errno != EINTR)
+      return errno;
+  }
+  return 0;
+}
+
 // System-call wrappers repeated while interrupted; 0 or the errno value.
 int os_stat(const char *os_path, struct stat *pstat_buf);
 int os_rename(const char *os_oldpath, const char *os_newpath);
