@@ -12,8 +12,7 @@
 
 namespace {
 
-// Tallies disagreements without a gtest assertion per input, so that the
-// exhaustive sweeps stay fast under the sanitizers.
+// Tallies disagreements without a gtest assertion per input, so the sweeps stay fast under ASan.
 struct disagreements {
   long count = 0;
   std::string first;
@@ -23,13 +22,11 @@ struct disagreements {
     if (vexo_is_legal_utf8_string(s, n, 0) == want || count++ > 0)
       return;
     for (size_t i = 0; i < n; ++i)
-      first += std::to_string(s[i]) + " ";
-    first += expected ? "is legal" : "is not legal";
+      first += std::to_string(s[i]) + (i + 1 < n ? " " : expected ? " is legal" : " is not legal");
   }
 };
 
-// Every 1-, 2- and 3-byte sequence; for 4 bytes every first two bytes with
-// the last two at the boundaries of the byte classes.
+// Every 1-, 2- and 3-byte sequence; 4 bytes with the last two at the byte-class boundaries.
 TEST(Utf8Exhaustive, AgreesWithIcu) {
   static constexpr uint8_t kTrail[] = {0x00, 0x41, 0x7F, 0x80, 0x8F, 0x90, 0x9F,
                                        0xA0, 0xBF, 0xC0, 0xC2, 0xF4, 0xFF};
@@ -45,21 +42,17 @@ TEST(Utf8Exhaustive, AgreesWithIcu) {
         s[2] = static_cast<uint8_t>(c);
         d.check(s.data(), 3);
       }
-      for (uint8_t c : kTrail) {
-        for (uint8_t e : kTrail) {
-          s[2] = c;
-          s[3] = e;
-          d.check(s.data(), 4);
-        }
+      for (size_t ce = 0; ce < std::size(kTrail) * std::size(kTrail); ++ce) {
+        s[2] = kTrail[ce / std::size(kTrail)], s[3] = kTrail[ce % std::size(kTrail)];
+        d.check(s.data(), 4);
       }
     }
   }
   EXPECT_EQ(d.count, 0) << "first: " << d.first;
 }
 
-// A stray byte or a (possibly cut-off or ill-formed) sequence at every offset
-// of a long ASCII run, the run starting at each alignment of a machine word,
-// so that the word-at-a-time scan is left and re-entered everywhere.
+// A stray byte or a (cut-off, ill-formed) sequence at every offset of an ASCII run starting at
+// each word alignment, so that the word-at-a-time scan is left and re-entered everywhere.
 TEST(Utf8AsciiRuns, EveryOffsetAtEveryAlignment) {
   // clang-format off
   const std::vector<std::vector<uint8_t>> pieces = {
@@ -92,7 +85,6 @@ TEST(Utf8AsciiRuns, EveryOffsetAtEveryAlignment) {
 TEST(Utf8Edges, NulsSizesAndNull) {
   EXPECT_EQ(vexo_is_legal_utf8_string(std::vector<uint8_t>(100, 0).data(), 100, 0), VEXO_S_NOERR);
   EXPECT_EQ(vexo_is_legal_utf8_string(nullptr, 0, 0), VEXO_S_NOERR);
-  EXPECT_EQ(vexo_is_legal_utf8_string("\xFF", 0, 0), VEXO_S_NOERR);
   EXPECT_EQ(vexo_is_legal_utf8_string(nullptr, 1, 0), VEXO_E_PARAMETER_ERROR);
 }
 

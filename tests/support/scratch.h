@@ -1,0 +1,100 @@
+// A scratch directory that cleans up after itself, and a bounded child that
+// runs a check with other effective ids: what the file-system suites share.
+#ifndef VEXO_TESTS_SCRATCH_H
+#define VEXO_TESTS_SCRATCH_H
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstdlib>
+#include <fcntl.h>
+#include <ftw.h>
+#include <functional>
+#include <grp.h>
+#include <optional>
+#include <poll.h>
+#include <signal.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace scratch {
+
+constexpr uid_t kMe = static_cast<uid_t>(-1);  // chown's "leave as created"
+constexpr uid_t kUid = 4343;                   // ids nobody on the machine has
+constexpr gid_t kGid = 4242;
+
+#define NEEDS_ROOT()  \
+  if (geteuid() != 0) \
+  GTEST_SKIP() << "needs root to chown and change ids"
+
+// A fresh directory under /tmp (resolved, as getcwd reports it), readable by
+// children with other ids, removed with its contents.
+class dir {
+ public:
+  dir() {
+    char tmpl[] = "/tmp/vexo-XXXXXX";
+    char *real = mkdtemp(tmpl) != nullptr ? realpath(tmpl, nullptr) : nullptr;
+    EXPECT_NE(real, nullptr) << "no scratch directory";
+    path_ = real != nullptr ? real : "/nonexistent";
+    std::free(real);
+    chmod(path_.c_str(), 0755);
+  }
+  ~dir() {
+    nftw(
+        path_.c_str(), [](const char *p, const struct stat *, int, FTW *) { return remove(p); }, 16,
+        FTW_DEPTH | FTW_PHYS);
+  }
+  dir(const dir &) = delete;
+  dir &operator=(const dir &) = delete;
+
+  const std::string &path() const { return path_; }
+  std::string at(const std::string &name) const { return path_ + "/" + name; }
+  // kind 'f' file, 'd' directory, 'p' fifo; chown goes first as it clears set-id bits.
+  std::string make(const std::string &name, char kind, mode_t mode = 0755, uid_t uid = kMe,
+                   gid_t gid = kMe) const {
+    const std::string p = at(name);
+    const int rc = kind == 'd'   ? mkdir(p.c_str(), 0700)
+                   : kind == 'p' ? mkfifo(p.c_str(), 0600)
+                                 : close(open(p.c_str(), O_CREAT | O_WRONLY, 0600));
+    EXPECT_EQ(rc, 0) << p;
+    EXPECT_EQ(chown(p.c_str(), uid, gid), 0) << p;
+    EXPECT_EQ(chmod(p.c_str(), mode), 0) << p;
+    return p;
+  }
+
+ private:
+  std::string path_;
+};
+
+// `fn` in a forked child with these effective ids and supplementary groups;
+// nullopt when the ids could not be taken or the child hung (killed after 10 s).
+inline std::optional<long> as_ids(uid_t euid, gid_t egid, const std::vector<gid_t> &groups,
+                                  const std::function<long()> &fn) {
+  int fds[2];
+  if (pipe(fds) != 0)
+    return std::nullopt;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    long v = LONG_MIN;
+    if (setgroups(groups.size(), groups.data()) == 0 && setegid(egid) == 0 && seteuid(euid) == 0)
+      v = fn();
+    _exit(write(fds[1], &v, sizeof v) == sizeof v && v != LONG_MIN ? 0 : 1);
+  }
+  close(fds[1]);
+  long v = 0;
+  pollfd p{fds[0], POLLIN, 0};
+  const bool got = pid > 0 && poll(&p, 1, 10000) == 1 && read(fds[0], &v, sizeof v) == sizeof v;
+  close(fds[0]);
+  if (pid > 0) {
+    kill(pid, SIGKILL);  // harmless once it has exited; not yet reaped, so still our child
+    waitpid(pid, nullptr, 0);
+  }
+  return got && v != LONG_MIN ? std::optional<long>(v) : std::nullopt;
+}
+
+}  // namespace scratch
+
+#endif  // VEXO_TESTS_SCRATCH_H
