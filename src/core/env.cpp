@@ -47,11 +47,53 @@ size_t count_entries(const char *const *list) {
   return n;
 }
 
+// One block: room for `count` + 1 pointers, then `bytes` of text that they
+// point at. Filling is checked against the sizing pass, so a source that grew
+// in between (the live environment changed under us) cannot write past it.
+class pointer_block {
+ public:
+  bool allocate(size_t count, size_t bytes) {
+    const size_t pointer_room = (count + 1) * sizeof(char *);
+    size_ = pointer_room + bytes;
+    block_.reset(static_cast<char *>(vexo_alloc(size_)));
+    if (!block_)
+      return false;
+    slots_ = reinterpret_cast<char **>(block_.get());
+    pos_ = block_.get() + pointer_room;
+    count_ = count;
+    room_ = bytes;
+    return true;
+  }
+  // Where the next entry's `need` bytes go, or null when the sizing was outrun.
+  char *add(size_t need) {
+    if (stored_ == count_ || need > room_)
+      return nullptr;
+    char *p = pos_;
+    slots_[stored_++] = p;
+    pos_ += need;
+    room_ -= need;
+    return p;
+  }
+  size_t size() const { return size_; }
+  char **finish() {
+    slots_[stored_] = nullptr;
+    block_.release();
+    return slots_;
+  }
+
+ private:
+  vexo::mem<char> block_;
+  char **slots_ = nullptr;
+  char *pos_ = nullptr;
+  size_t count_ = 0;
+  size_t stored_ = 0;
+  size_t room_ = 0;
+  size_t size_ = 0;
+};
+
 // `for_each(put)` calls put(entry) for every candidate entry in order; it runs
 // twice, once to size the block and once to fill it. Entries with an empty key
-// are left out. Should the source grow between the passes (the live
-// environment changed under us), the fill stops with VEXO_E_TRY_AGAIN rather
-// than write past the block.
+// are left out.
 template <class ForEach>
 vexo_t_error_code build_compact_env(const ForEach &for_each, char ***penv, size_t *psize) {
   size_t count = 0;
@@ -62,41 +104,29 @@ vexo_t_error_code build_compact_env(const ForEach &for_each, char ***penv, size_
       bytes += e.key_len + e.value_len + 2;
     }
   });
-  const size_t pointer_room = (count + 1) * sizeof(char *);
-  const size_t size = pointer_room + bytes;
-  vexo::mem<char> block(static_cast<char *>(vexo_alloc(size)));
-  if (!block)
+  pointer_block out;
+  if (!out.allocate(count, bytes))
     return VEXO_E_OUT_OF_MEMORY;
 
-  auto **slots = reinterpret_cast<char **>(block.get());
-  char *pos = block.get() + pointer_room;
-  size_t room = bytes;
-  size_t stored = 0;
   bool overrun = false;
   for_each([&](const entry &e) {
     if (e.key_len == 0 || overrun)
       return;
-    const size_t need = e.key_len + e.value_len + 2;
-    if (stored == count || need > room) {
+    char *pos = out.add(e.key_len + e.value_len + 2);
+    if (pos == nullptr) {
       overrun = true;
       return;
     }
-    slots[stored++] = pos;
     std::memcpy(pos, e.key, e.key_len);
     pos[e.key_len] = '\0';
     std::memcpy(pos + e.key_len + 1, e.value, e.value_len);
     pos[e.key_len + 1 + e.value_len] = '\0';
-    pos += need;
-    room -= need;
   });
   if (overrun)
     return VEXO_E_TRY_AGAIN;
-  slots[stored] = nullptr;
-
   if (psize != nullptr)
-    *psize = size;
-  *penv = slots;
-  block.release();
+    *psize = out.size();
+  *penv = out.finish();
   return VEXO_S_NOERR;
 }
 
@@ -115,27 +145,17 @@ vexo_t_error_code live_environ_strings(char ***penv) {
   size_t bytes = 0;
   for (size_t i = 0; i < count; ++i)
     bytes += std::strlen(environ[i]) + 1;
-  const size_t pointer_room = (count + 1) * sizeof(char *);
-  vexo::mem<char> block(static_cast<char *>(vexo_alloc(pointer_room + bytes)));
-  if (!block)
+  pointer_block out;
+  if (!out.allocate(count, bytes))
     return VEXO_E_OUT_OF_MEMORY;
-
-  auto **slots = reinterpret_cast<char **>(block.get());
-  char *pos = block.get() + pointer_room;
-  size_t room = bytes;
-  size_t stored = 0;
-  for (; stored < count && environ != nullptr && environ[stored] != nullptr; ++stored) {
-    const size_t need = std::strlen(environ[stored]) + 1;
-    if (need > room)
+  for (size_t i = 0; i < count && environ != nullptr && environ[i] != nullptr; ++i) {
+    const size_t need = std::strlen(environ[i]) + 1;
+    char *pos = out.add(need);
+    if (pos == nullptr)
       return VEXO_E_TRY_AGAIN;
-    std::memcpy(pos, environ[stored], need);
-    slots[stored] = pos;
-    pos += need;
-    room -= need;
+    std::memcpy(pos, environ[i], need);
   }
-  slots[stored] = nullptr;
-  *penv = slots;
-  block.release();
+  *penv = out.finish();
   return VEXO_S_NOERR;
 }
 
