@@ -138,7 +138,7 @@ inline bool print_ratio_table(const capture_reporter &rep, const char *title, co
     std::printf("(CPU time per iteration; GB = 10^9 bytes)\n");
   else
     std::printf("(CPU time per iteration)\n");
-  std::printf("%-28s %10s %10s %10s", "case", "vexo ns", "peer ns", "vexo/peer");
+  std::printf("%-28s %13s %13s %10s", "case", "vexo ns", "peer ns", "vexo/peer");
   if (with_rates)
     std::printf(" %10s %10s", "vexo GB/s", "peer GB/s");
   std::printf("   %-18s %s\n", "goal", "met");
@@ -148,12 +148,12 @@ inline bool print_ratio_table(const capture_reporter &rep, const char *title, co
     const auto pv = rep.find(r.vexo);
     const auto pp = rep.find(r.peer);
     if (!pv || !pp) {
-      std::printf("%-28s %10s %10s %10s\n", r.label.c_str(), "-", "-", "-");
+      std::printf("%-28s %13s %13s %10s\n", r.label.c_str(), "-", "-", "-");
       continue;
     }
     const measurement &vexo = *pv;
     const measurement &peer = *pp;
-    std::printf("%-28s %10.2f %10.2f %10.2f", r.label.c_str(), vexo.ns, peer.ns, vexo.ns / peer.ns);
+    std::printf("%-28s %13.2f %13.2f %10.2f", r.label.c_str(), vexo.ns, peer.ns, vexo.ns / peer.ns);
     if (with_rates)
       std::printf(" %10.2f %10.2f", gbps(vexo), gbps(peer));
     const bool met = goal_met(r.target, vexo, peer);

@@ -65,6 +65,22 @@ typedef struct vexo_t_property_ {
   vexo_t_variant v;
 } vexo_t_property;
 
+/* What kind of object an OS file handle refers to. */
+typedef enum vexo_t_device_type_ {
+  VEXO_DEVICE_TYPE_ILLEGAL = 0, /* -1, or a handle the system rejects */
+  VEXO_DEVICE_TYPE_UNKNOWN = 1,
+  VEXO_DEVICE_TYPE_FILE = 2,
+  VEXO_DEVICE_TYPE_TTY = 3, /* any terminal, tested before the file type */
+  VEXO_DEVICE_TYPE_SOCKET = 4,
+  VEXO_DEVICE_TYPE_FIFO = 5,
+  VEXO_DEVICE_TYPE_CHARACTER = 6, /* a character device that is not a terminal */
+  VEXO_DEVICE_TYPE_DIRECTORY = 7,
+  VEXO_DEVICE_TYPE_BLOCK = 8,
+  VEXO_DEVICE_TYPE_LINK = 9,
+  VEXO_DEVICE_TYPE_FIRST_UNUSED_ = 10,
+  VEXO_DEVICE_TYPE_LAST = 9
+} vexo_t_device_type;
+
 /* Completed by the back end; callers only hold pointers. */
 typedef struct vexo_t_dir_ vexo_t_dir;
 typedef struct vexo_t_dirent_ vexo_t_dirent;

@@ -89,6 +89,46 @@ VEXO_API vexo_t_error_code vexo_unix_test_file_access(const char *utf8_path, vex
 VEXO_API vexo_t_error_code vexo_user_id_name_unix(vexo_t_uid uid, char **pname, vexo_t_bits options);
 VEXO_API vexo_t_error_code vexo_group_id_name_unix(vexo_t_gid gid, char **pname, vexo_t_bits options);
 
+/* ---- OS file handles ------------------------------------------------------- */
+
+/* A failing close is reported as success. */
+#define VEXO_HANDLE_CLOSE_OPTION_IGNORE_ERRORS 0x1u
+/* close() at once, without recognising sockets first. */
+#define VEXO_HANDLE_CLOSE_OPTION_NO_SOCKET_CHECK 0x2u
+
+/* `oflag` and `mode` go to open(2) unchanged; the handle is close-on-exec. */
+VEXO_API vexo_t_error_code vexo_unix_open_file(const char *utf8_pathname, int oflag, mode_t mode,
+                                               vexo_t_os_file_handle *pfd);
+VEXO_API vexo_t_error_code vexo_unix_file_pos(vexo_t_os_file_handle hFile, vexo_t_offset *ppos,
+                                              vexo_t_bits options);
+/* Regular files only; anything else gives VEXO_E_NOT_SUPPORTED. */
+VEXO_API vexo_t_error_code vexo_unix_file_size(vexo_t_os_file_handle hFile, vexo_t_offset *psize,
+                                               vexo_t_bits options);
+VEXO_API vexo_t_device_type vexo_unix_device_type(vexo_t_os_file_handle hFile);
+/* Sockets go to vexo_socket_close unless VEXO_HANDLE_CLOSE_OPTION_NO_SOCKET_CHECK. */
+VEXO_API vexo_t_error_code vexo_os_file_handle_close_unix(vexo_t_os_file_handle hFile, vexo_t_bits options);
+
+/* ---- Directory listing ---------------------------------------------------------- */
+
+/* Deliver only entries whose status (links followed) is a directory. */
+#define VEXO_DIR_OPTION_DIRECTORIES_ONLY 0x1u
+/* Deliver only entries whose status is not a directory. */
+#define VEXO_DIR_OPTION_NON_DIRECTORIES_ONLY 0x2u
+
+#define VEXO_DIRENT_FLAG_DIRECTORIES_ONLY 0x1u
+#define VEXO_DIRENT_FLAG_NON_DIRECTORIES_ONLY 0x2u
+#define VEXO_DIRENT_FLAG_UTF8_NAME_OWNED 0x4u
+
+VEXO_API vexo_t_error_code vexo_open_directory_unix(const char *utf8_path, vexo_t_dir **pdir,
+                                                    vexo_t_bits options);
+/* VEXO_S_NOERR with the listing's one entry record, or VEXO_E_NO_MORE_ENTRIES. */
+VEXO_API vexo_t_error_code vexo_read_directory_unix(vexo_t_dir *dir, vexo_t_dirent **pent,
+                                                    vexo_t_bits options);
+/* The entry's NFC UTF-8 name, owned by the listing: valid until the next
+ * read, name request or close. VEXO_E_INVALID_NAME when it is not UTF-8. */
+VEXO_API vexo_t_error_code vexo_dirent_name_unix(vexo_t_dirent *ent, const char **name);
+VEXO_API void vexo_close_directory_unix(vexo_t_dir *dir);
+
 VEXO_END_DECLS
 
 #endif /* VEXO_UNIX_H */

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -86,5 +87,34 @@ enum vexo_t_unix_access_class {
 // only st_uid and st_gid are read. The class is written only on success.
 vexo_t_error_code vexo_unix_access_class(const struct stat *stat_buf,
                                          vexo_t_unix_access_class *paccess_class);
+
+// ---- OS file handles and directory listing ------------------------------------
+
+// Sets the descriptor flags so that the bits of `mask` take their values from
+// `value`; other flags stay. Neither fcntl is repeated on EINTR.
+vexo_t_error_code vexo_unix_SETFD(vexo_t_os_file_handle fd, int mask, int value);
+int os_fstat(int fd, struct stat *pstat_buf);
+
+int os_opendir(const char *os_path, DIR **pos_dir);
+// 0 with the entry, or with null at the end; else the errno value and
+// `*pos_ent` untouched.
+int os_readdir(DIR *os_dir, struct dirent **pos_ent);
+int os_closedir(DIR *os_dir);
+
+struct vexo_t_dirent_ {
+  vexo_t_dir *dir;
+  char *utf8_name;        // owned when VEXO_DIRENT_FLAG_UTF8_NAME_OWNED, else d_name itself
+  struct dirent *os_ent;  // the stream's storage; null before the first read and at the end
+  vexo_t_bits flags;
+};
+
+// One allocation per listing: the stream, the reusable path buffer and the
+// one entry record every read hands out.
+struct vexo_t_dir_ {
+  DIR *os_dir;
+  vexo_t_buf os_path_buf;  // directory path and '/', then the entry's name during filtered reads
+  size_t os_path_len;
+  vexo_t_dirent ent;
+};
 
 #endif  // VEXO_UNIX_INTERNAL_H

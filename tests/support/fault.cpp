@@ -5,7 +5,9 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <cstdarg>
 #include <dirent.h>
+#include <fcntl.h>
 #include <grp.h>
 #include <langinfo.h>
 #include <locale.h>
@@ -215,6 +217,49 @@ FAULT_WRAP_POSIX(int, mkdir, (const char *path, mode_t mode), (path, mode))
 FAULT_WRAP_POSIX(int, chdir, (const char *path), (path))
 FAULT_WRAP_POSIX(int, getgroups, (int size, gid_t *list), (size, list))
 FAULT_WRAP_POSIX(long, sysconf, (int name), (name))
+FAULT_WRAP_POSIX(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence))
+FAULT_WRAP_POSIX(int, fstat, (int fd, struct stat *buf), (fd, buf))
+FAULT_WRAP_POSIX(int, closedir, (DIR * dir), (dir))
+
+// open and fcntl take a third argument only for some requests.
+int __real_open(const char *path, int flags, ...);
+int __wrap_open(const char *path, int flags, ...) {
+  if (fault::take(fault::call::open))
+    return -1;
+  mode_t mode = 0;
+  if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
+    va_list ap;
+    va_start(ap, flags);
+    mode = static_cast<mode_t>(va_arg(ap, int));
+    va_end(ap);
+  }
+  return __real_open(path, flags, mode);
+}
+
+int __real_fcntl(int fd, int cmd, ...);
+int __wrap_fcntl(int fd, int cmd, ...) {
+  if (fault::take(fault::call::fcntl))
+    return -1;
+  va_list ap;
+  va_start(ap, cmd);
+  const long arg = va_arg(ap, long);  // unused by commands without an argument
+  va_end(ap);
+  return __real_fcntl(fd, cmd, arg);
+}
+
+DIR *__real_opendir(const char *path);
+DIR *__wrap_opendir(const char *path) {
+  if (fault::take(fault::call::opendir))
+    return nullptr;
+  return __real_opendir(path);
+}
+
+struct dirent *__real_readdir(DIR *dir);
+struct dirent *__wrap_readdir(DIR *dir) {
+  if (fault::take(fault::call::readdir))
+    return nullptr;
+  return __real_readdir(dir);
+}
 
 char *__real_getcwd(char *buf, size_t size);
 char *__wrap_getcwd(char *buf, size_t size) {

@@ -56,6 +56,13 @@ enum class call {
   sysconf,
   getpwuid_r,
   getgrgid_r,
+  open,
+  lseek,
+  fstat,
+  fcntl,
+  opendir,
+  readdir,
+  closedir,
   count_
 };
 

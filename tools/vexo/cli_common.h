@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -81,6 +82,20 @@ std::string local_time_text(vexo_t_time t);
 std::string user_text(vexo_t_uid uid);
 std::string group_text(vexo_t_gid gid);
 
+// ---- Directory listing, shared by `ls` and the tour (cmd_list.cpp) -------
+
+struct listing {
+  std::vector<std::string> names;          // UTF-8 NFC, sorted by their bytes
+  std::vector<vexo_t_error_code> unnamed;  // one code per entry without a UTF-8 name
+};
+// Every entry the listing API delivers for `path` under `options`; throws
+// `failure` when the directory cannot be opened or read.
+listing list_directory(const std::string &path, vexo_t_bits options);
+// The line shown for an entry whose name request failed with `rc`.
+std::string unnamed_text(vexo_t_error_code rc);
+// "CHARACTER" for VEXO_DEVICE_TYPE_CHARACTER and so on.
+const char *device_type_name(vexo_t_device_type type);
+
 // Each registers one subcommand whose run stores its exit status in `status`.
 void add_name_command(CLI::App &app, int &status);
 void add_charset_command(CLI::App &app, int &status);
@@ -89,6 +104,8 @@ void add_tour_command(CLI::App &app, int &status);
 void add_stat_commands(CLI::App &app, int &status);
 // mkdir, rm, mv, cwd, tmpdir
 void add_path_commands(CLI::App &app, int &status);
+// ls, fd
+void add_list_commands(CLI::App &app, int &status);
 
 }  // namespace vexo_cli
 

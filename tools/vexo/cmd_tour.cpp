@@ -9,7 +9,6 @@
 #include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <dirent.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -190,78 +189,52 @@ void create_files(tour &t) {
   }
 }
 
-std::vector<std::string> read_names(const std::string &dir) {
-  std::unique_ptr<DIR, int (*)(DIR *)> d(::opendir(dir.c_str()), ::closedir);
-  if (!d)
-    throw std::system_error(errno, std::generic_category(), "cannot list " + dir);
-  std::vector<std::string> names;
-  while (const dirent *e = ::readdir(d.get())) {
-    const std::string name = e->d_name;
-    if (name != "." && name != "..")
-      names.push_back(name);
+void show_listing_names(const listing &l) {
+  for (const std::string &name : l.names) {
+    // setw counts bytes; a column lines up by characters.
+    const std::string shown_name = printable(name);
+    size_t continuation = 0;
+    for (char c : shown_name)
+      continuation += (static_cast<unsigned char>(c) & 0xC0) == 0x80;
+    std::cout << "    " << padded(shown_name, 20 + continuation) << to_hex(name) << '\n';
   }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-struct conversion {
-  vexo_t_error_code rc = VEXO_S_NOERR;
-  std::string utf8;
-  bool lent = false;  // the caller's own pointer came back
-};
-
-// Failures other than "not UTF-8" are not what the tour sets out to show.
-conversion from_os(const std::string &os_name, vexo_t_bits options) {
-  conversion c;
-  char *utf8 = nullptr;
-  c.rc = vexo_file_name_from_os_unix(os_name.c_str(), &utf8, options);
-  if (c.rc == VEXO_E_ENCODING_INVALID)
-    return c;
-  if (c.rc < 0)
-    throw failure("vexo_file_name_from_os_unix on " + to_hex(os_name), c.rc);
-  c.utf8 = utf8;
-  c.lent = utf8 == os_name.c_str();
-  if (!c.lent)
-    vexo_free(utf8);
-  return c;
-}
-
-std::string shown(const conversion &c) {
-  if (c.rc < 0)
-    return "fails: " + code_name(c.rc);
-  std::string text = padded(to_hex(c.utf8), 17) + printable(c.utf8);
-  if (c.rc == 1)
-    text += "  status 1: read as Latin-1";
-  return text;
+  for (const vexo_t_error_code rc : l.unnamed)
+    row("?", unnamed_text(rc), 20);
 }
 
 void list_names(tour &t) {
-  section(t, "Listing the directory and converting each name",
-          "readdir hands back the raw bytes. vexo_file_name_from_os_unix turns each into UTF-8 in NFC: "
-          "ASCII passes untouched, a decomposed name is composed, and bytes that are not UTF-8 either "
-          "fail (options 0) or, with VEXO_FILE_NAME_OPTION_LATIN1_FALLBACK, are read as Latin-1 and "
-          "reported with status 1. With VEXO_FILE_NAME_OPTION_NO_COPY an ASCII name comes back as the "
-          "caller's own pointer, without an allocation.");
+  section(t, "Listing the directory",
+          "vexo_open_directory_unix, vexo_read_directory_unix and vexo_dirent_name_unix list a directory "
+          "one entry at a time, \".\" and \"..\" included. A name is converted only when asked for: ASCII "
+          "comes back as the system's own text, other UTF-8 as a new string in NFC, so the decomposed "
+          "name reads like the composed one; the Latin-1 byte is not UTF-8, and the name request fails "
+          "while the listing goes on. Sorted here by their bytes.");
+  const std::string subdir = t.dir + "/a-directory";
+  if (::mkdir(subdir.c_str(), 0755) != 0)
+    throw std::system_error(errno, std::generic_category(), "cannot create " + subdir);
+  const listing all = list_directory(t.dir, 0);
+  show_listing_names(all);
+
   std::map<std::string, int> listed_as;
-  for (const std::string &name : read_names(t.dir)) {
-    const conversion strict = from_os(name, 0);
-    const conversion rescued = from_os(name, VEXO_FILE_NAME_OPTION_LATIN1_FALLBACK);
-    const conversion borrowed =
-        from_os(name, VEXO_FILE_NAME_OPTION_LATIN1_FALLBACK | VEXO_FILE_NAME_OPTION_NO_COPY);
-    std::cout << "  " << to_hex(name) << "  " << printable(name) << '\n';
-    row("options 0", shown(strict));
-    row("LATIN1_FALLBACK", shown(rescued));
-    row("LATIN1_FALLBACK|NO_COPY", borrowed.lent ? "the caller's own pointer" : "a new string");
-    if (rescued.rc >= 0)
-      ++listed_as[rescued.utf8];
-  }
+  for (const std::string &name : all.names)
+    ++listed_as[name];
   for (const auto &[utf8, count] : listed_as) {
     if (count < 2)
       continue;
     std::cout << '\n';
-    paragraph(std::to_string(count) + " different files now carry the same UTF-8 name " + printable(utf8) +
-              "; opening that name reaches only the file whose bytes are exactly those.");
+    paragraph(std::to_string(count) + " different files are listed under the same UTF-8 name " +
+              printable(utf8) + "; opening that name reaches only the file whose bytes are exactly those.");
   }
+
+  std::cout << '\n';
+  paragraph(
+      "Opened with VEXO_DIR_OPTION_DIRECTORIES_ONLY (vexo ls --dirs) or "
+      "VEXO_DIR_OPTION_NON_DIRECTORIES_ONLY (--files), the listing stats each entry, following links, "
+      "and passes over the others.");
+  std::cout << "\n  directories only\n";
+  show_listing_names(list_directory(t.dir, VEXO_DIR_OPTION_DIRECTORIES_ONLY));
+  std::cout << "  non-directories only\n";
+  show_listing_names(list_directory(t.dir, VEXO_DIR_OPTION_NON_DIRECTORIES_ONLY));
 }
 
 void show_root_lengths(tour &t) {

@@ -29,7 +29,7 @@ int main(int argc, char **argv) {
 
   CLI::App app{
       "Shows how vexo converts file names and text between this system and UTF-8, and what it says about "
-      "files and paths.",
+      "files, directories, paths and handles.",
       "vexo"};
   app.require_subcommand(1, 1);
   app.failure_message([](const CLI::App *, const CLI::Error &e) {
@@ -40,6 +40,7 @@ int main(int argc, char **argv) {
   vexo_cli::add_charset_command(app, status);
   vexo_cli::add_stat_commands(app, status);
   vexo_cli::add_path_commands(app, status);
+  vexo_cli::add_list_commands(app, status);
   vexo_cli::add_tour_command(app, status);
 
   try {
@@ -48,7 +49,7 @@ int main(int argc, char **argv) {
     // Without this, a misspelt subcommand reads as a missing one.
     if (app.get_subcommands().empty() && !app.remaining().empty() && app.remaining().front()[0] != '-') {
       std::cerr << "vexo: unknown command '" << app.remaining().front()
-                << "' (name, charset, stat, access, mkdir, rm, mv, cwd, tmpdir or tour)\n"
+                << "' (name, charset, stat, access, mkdir, rm, mv, cwd, tmpdir, ls, fd or tour)\n"
                 << "Run with --help for more information.\n";
       return 2;
     }

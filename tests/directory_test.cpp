@@ -1,0 +1,264 @@
+// Directory listing on scratch directories: order and filters, the entry
+// names, the path buffer, and the failure paths through injected faults.
+#include <gtest/gtest.h>
+
+#include "fault.h"
+#include "scratch.h"
+#include "unix/unix_internal.h"
+
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr vexo_t_bits kDirs = VEXO_DIR_OPTION_DIRECTORIES_ONLY,
+                      kNonDirs = VEXO_DIR_OPTION_NON_DIRECTORIES_ONLY;
+const std::string kDecomposed = "e\xCC\x81", kComposed = "\xC3\xA9";
+vexo_t_dir g_untouched_dir;
+vexo_t_dirent g_untouched_ent;
+
+// Every test also proves that no descriptor outlives it.
+class Listing : public fault::Test {
+ protected:
+  void SetUp() override {
+    fds_ = fault::open_fds();
+    fault::Test::SetUp();
+  }
+  void TearDown() override {
+    fault::Test::TearDown();
+    EXPECT_EQ(fault::open_fds(), fds_) << "descriptor leaked";
+  }
+
+  vexo_t_dir *open(const std::string &path, vexo_t_bits options = 0) {
+    vexo_t_dir *dir = nullptr;
+    EXPECT_EQ(vexo_open_directory_unix(path.c_str(), &dir, options), VEXO_S_NOERR) << path;
+    return dir;
+  }
+  // The system names a listing delivers, in its order.
+  std::vector<std::string> names(const std::string &path, vexo_t_bits options) {
+    std::vector<std::string> out;
+    vexo_t_dir *dir = open(path, options);
+    vexo_t_dirent *ent = nullptr;
+    while (dir != nullptr && vexo_read_directory_unix(dir, &ent, 0) == VEXO_S_NOERR)
+      out.emplace_back(ent->os_ent->d_name);
+    vexo_close_directory_unix(dir);
+    return out;
+  }
+  // The order readdir itself gives, kept to the names in `keep`.
+  static std::vector<std::string> raw(const std::string &path, const std::set<std::string> &keep) {
+    std::vector<std::string> out;
+    DIR *d = opendir(path.c_str());
+    while (dirent *e = d != nullptr ? readdir(d) : nullptr)
+      if (keep.count(e->d_name) != 0)
+        out.emplace_back(e->d_name);
+    if (d != nullptr)
+      closedir(d);
+    return out;
+  }
+
+  scratch::dir tmp_;
+  int fds_ = 0;
+};
+
+TEST_F(Listing, FiltersFollowLinksAndKeepTheSystemOrder) {
+  tmp_.make("f", 'f');
+  tmp_.make("d", 'd');
+  ASSERT_EQ(symlink("d", tmp_.at("ld").c_str()), 0);
+  ASSERT_EQ(symlink("f", tmp_.at("lf").c_str()), 0);
+  ASSERT_EQ(symlink("missing", tmp_.at("dangling").c_str()), 0);
+  const struct {
+    vexo_t_bits options;
+    std::set<std::string> expected;
+  } cases[] = {
+      {0, {".", "..", "f", "d", "ld", "lf", "dangling"}},
+      {kDirs, {".", "..", "d", "ld"}},
+      {kNonDirs, {"f", "lf"}},
+      {kDirs | kNonDirs, {}},
+  };
+  for (const auto &c : cases) {
+    EXPECT_EQ(names(tmp_.path(), c.options), raw(tmp_.path(), c.expected)) << "options " << c.options;
+    EXPECT_EQ(names(tmp_.path() + "/", c.options), raw(tmp_.path(), c.expected)) << "trailing slash";
+  }
+}
+
+TEST_F(Listing, EndRepeatsAndEveryReadHandsOutTheSameRecord) {
+  for (vexo_t_bits options : {0u, kDirs | kNonDirs}) {
+    vexo_t_dir *dir = open(tmp_.path(), options);
+    ASSERT_NE(dir, nullptr);
+    int delivered = 0;
+    vexo_t_dirent *ent = &g_untouched_ent;
+    vexo_t_error_code rc;
+    while ((rc = vexo_read_directory_unix(dir, &ent, 0)) == VEXO_S_NOERR) {
+      EXPECT_EQ(ent, &dir->ent);
+      EXPECT_EQ(ent->dir, dir);
+      ++delivered;
+      ent = &g_untouched_ent;
+    }
+    EXPECT_EQ(delivered, options == 0 ? 2 : 0);
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(rc, VEXO_E_NO_MORE_ENTRIES);
+      EXPECT_EQ(ent, &g_untouched_ent);
+      EXPECT_EQ(dir->ent.os_ent, nullptr);
+      rc = vexo_read_directory_unix(dir, &ent, 0);
+    }
+    vexo_close_directory_unix(dir);
+  }
+  vexo_close_directory_unix(nullptr);
+}
+
+// The buffer holds the directory and one slash, then the entry during a
+// filtered read; an unfiltered listing never builds a path or reads a status.
+TEST_F(Listing, PathBufferGetsExactlyOneSlash) {
+  tmp_.make("d", 'd');
+  const struct {
+    std::string path, prefix;
+  } cases[] = {{tmp_.path(), tmp_.path() + "/"}, {tmp_.path() + "/", tmp_.path() + "/"}, {"/", "/"}};
+  for (const auto &c : cases) {
+    vexo_t_dir *dir = open(c.path, kDirs);
+    ASSERT_NE(dir, nullptr);
+    EXPECT_EQ(dir->os_path_len, c.prefix.size());
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(dir->os_path_buf.buf), dir->os_path_buf.extent), c.prefix);
+    vexo_t_dirent *ent = nullptr;
+    ASSERT_EQ(vexo_read_directory_unix(dir, &ent, 0), VEXO_S_NOERR);
+    const std::string built(reinterpret_cast<char *>(dir->os_path_buf.buf), dir->os_path_buf.extent);
+    EXPECT_EQ(built, c.prefix + ent->os_ent->d_name + '\0');
+    vexo_close_directory_unix(dir);
+  }
+  fault::reset();
+  vexo_t_dir *dir = open(tmp_.path());
+  vexo_t_dirent *ent = nullptr;
+  EXPECT_EQ(dir->os_path_len, 0u);
+  EXPECT_EQ(dir->os_path_buf.extent, 0u);
+  while (vexo_read_directory_unix(dir, &ent, 0) == VEXO_S_NOERR) {
+  }
+  EXPECT_EQ(fault::calls(fault::call::stat), 0);
+  vexo_close_directory_unix(dir);
+}
+
+TEST_F(Listing, EntryGoneBeforeItsStatusIsPassedOver) {
+  tmp_.make("d", 'd');
+  const std::vector<std::string> all = raw(tmp_.path(), {".", "..", "d"});
+  fault::fail(fault::call::stat, ENOENT, 1);
+  EXPECT_EQ(names(tmp_.path(), kDirs), std::vector<std::string>(all.begin() + 1, all.end()));
+  fault::fail(fault::call::stat, ENOENT, 1);
+  EXPECT_EQ(names(tmp_.path(), 0), all) << "without a filter no status is read";
+}
+
+TEST_F(Listing, OpenFailuresAreMappedAndWriteNothing) {
+  const struct {
+    std::string path;
+    int err;
+  } cases[] = {{tmp_.make("file", 'f'), ENOTDIR}, {tmp_.at("missing"), ENOENT}};
+  for (const auto &c : cases) {
+    vexo_t_dir *dir = &g_untouched_dir;
+    EXPECT_EQ(vexo_open_directory_unix(c.path.c_str(), &dir, kDirs),
+              vexo_map_unix_error(c.err, VEXO_E_OS_ERROR));
+    EXPECT_EQ(dir, &g_untouched_dir);
+  }
+}
+
+TEST_F(Listing, NamesAreLentConvertedOrRefused) {
+  for (const std::string &n : {std::string("plain"), kDecomposed, std::string("bad\xE9")})
+    tmp_.make(n, 'f');
+  fault::alloc_scope scope;  // counts the blocks the names hold
+  vexo_t_dir *dir = open(tmp_.path());
+  ASSERT_NE(dir, nullptr);
+  vexo_t_dirent *ent = nullptr;
+  std::set<std::string> seen;
+  while (vexo_read_directory_unix(dir, &ent, 0) == VEXO_S_NOERR) {
+    const std::string os_name = ent->os_ent->d_name;
+    seen.insert(os_name);
+    const char *name = "untouched";
+    const vexo_t_error_code rc = vexo_dirent_name_unix(ent, &name);
+    if (os_name == "bad\xE9") {
+      EXPECT_EQ(rc, VEXO_E_INVALID_NAME);
+      EXPECT_STREQ(name, "untouched");
+    } else if (os_name == kDecomposed) {
+      ASSERT_EQ(rc, VEXO_S_NOERR);
+      EXPECT_EQ(name, kComposed);
+      EXPECT_NE(ent->flags & VEXO_DIRENT_FLAG_UTF8_NAME_OWNED, 0u);
+      EXPECT_EQ(scope.live(), 2);  // the record and the name
+      ASSERT_EQ(vexo_dirent_name_unix(ent, &name), VEXO_S_NOERR);
+      EXPECT_EQ(scope.live(), 2) << "the first name is freed by the second request";
+    } else {
+      ASSERT_EQ(rc, VEXO_S_NOERR);
+      EXPECT_EQ(name, ent->os_ent->d_name);
+      EXPECT_EQ(ent->flags & VEXO_DIRENT_FLAG_UTF8_NAME_OWNED, 0u);
+    }
+  }
+  EXPECT_EQ(seen, (std::set<std::string>{".", "..", "plain", kDecomposed, "bad\xE9"}));
+  vexo_close_directory_unix(dir);
+  EXPECT_EQ(scope.live(), 0);
+}
+
+TEST_F(Listing, InterruptedCallsAreRepeated) {
+  fault::fail(fault::call::opendir, EINTR, 3);
+  vexo_t_dir *dir = open(tmp_.path());
+  ASSERT_NE(dir, nullptr);
+  EXPECT_EQ(fault::calls(fault::call::opendir), 4);
+  fault::fail(fault::call::readdir, EINTR, 2);
+  vexo_t_dirent *ent = nullptr;
+  EXPECT_EQ(vexo_read_directory_unix(dir, &ent, 0), VEXO_S_NOERR);
+  EXPECT_EQ(fault::calls(fault::call::readdir), 3);
+  vexo_close_directory_unix(dir);
+  EXPECT_EQ(fault::calls(fault::call::closedir), 1);
+}
+
+TEST_F(Listing, ReadFailureKeepsTheEntryAndTheListingGoesOn) {
+  vexo_t_dir *dir = open(tmp_.path());
+  ASSERT_NE(dir, nullptr);
+  vexo_t_dirent *ent = nullptr;
+  ASSERT_EQ(vexo_read_directory_unix(dir, &ent, 0), VEXO_S_NOERR);
+  const struct dirent *before = ent->os_ent;
+  const std::string first = before->d_name;
+  fault::fail(fault::call::readdir, EIO, 1);
+  vexo_t_dirent *untouched = &g_untouched_ent;
+  EXPECT_EQ(vexo_read_directory_unix(dir, &untouched, 0), vexo_map_unix_error(EIO, VEXO_E_OS_ERROR));
+  EXPECT_EQ(untouched, &g_untouched_ent);
+  EXPECT_EQ(dir->ent.os_ent, before);
+  ASSERT_EQ(vexo_read_directory_unix(dir, &ent, 0), VEXO_S_NOERR);
+  EXPECT_NE(ent->os_ent->d_name, first);
+  vexo_close_directory_unix(dir);
+}
+
+// Open, a filtered read whose long name makes the path buffer grow, and the
+// name, each allocation failing in turn: the right code, nothing written,
+// nothing leaked (the fixture checks descriptors).
+TEST_F(Listing, AllocationSweep) {
+  std::string sub;
+  for (int i = 0; i < 60; ++i)
+    sub += kDecomposed;
+  std::string composed;
+  for (int i = 0; i < 60; ++i)
+    composed += kComposed;
+  tmp_.make(sub, 'd');
+  tmp_.make("file", 'f');
+  const long made = fault::alloc_sweep([&](fault::alloc_scope &) {
+    vexo_t_dir *dir = &g_untouched_dir;
+    vexo_t_error_code rc = vexo_open_directory_unix(tmp_.path().c_str(), &dir, kDirs);
+    if (rc < 0) {
+      EXPECT_EQ(rc, VEXO_E_OUT_OF_MEMORY);
+      EXPECT_EQ(dir, &g_untouched_dir);
+      return;
+    }
+    vexo_t_dirent *ent = nullptr;
+    while ((rc = vexo_read_directory_unix(dir, &ent, 0)) == VEXO_S_NOERR && ent->os_ent->d_name != sub) {
+    }
+    if (rc == VEXO_S_NOERR) {
+      // Under the no-copy option only the normalisation allocates, and its
+      // failure lends the un-normalised name instead of failing.
+      const char *name = nullptr;
+      ASSERT_EQ(vexo_dirent_name_unix(ent, &name), VEXO_S_NOERR);
+      if ((ent->flags & VEXO_DIRENT_FLAG_UTF8_NAME_OWNED) != 0)
+        EXPECT_EQ(name, composed);
+      else
+        EXPECT_EQ(name, ent->os_ent->d_name);
+    }
+    EXPECT_TRUE(rc == VEXO_S_NOERR || rc == VEXO_E_OUT_OF_MEMORY) << rc;
+    vexo_close_directory_unix(dir);
+  });
+  EXPECT_GE(made, 3) << "record, grown path buffer, name";
+}
+
+}  // namespace
