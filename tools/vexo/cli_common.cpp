@@ -168,4 +168,16 @@ std::string printable(std::string_view bytes) {
   return text + "\"";
 }
 
+int print_library_string(std::string_view name, vexo_t_error_code (*fn)(char **, vexo_t_bits)) {
+  char *text = nullptr;
+  const vexo_t_error_code rc = fn(&text, 0);
+  if (rc < 0) {
+    report_failure(name, rc);
+    return 1;
+  }
+  vexo_string owner(text);
+  std::cout << text << '\n';
+  return 0;
+}
+
 }  // namespace vexo_cli

@@ -41,6 +41,10 @@ std::string describe(vexo_t_error_code code);
 // "vexo: <context>: <describe(code)>" on stderr.
 void report_failure(std::string_view context, vexo_t_error_code code);
 
+// Prints the string that `fn` hands out (a library call named `name` taking
+// an out-pointer and options 0); 0, or 1 after reporting its failure.
+int print_library_string(std::string_view name, vexo_t_error_code (*fn)(char **, vexo_t_bits));
+
 // "63 61 66 c3 a9"; "(empty)" for no bytes.
 std::string to_hex(std::string_view bytes);
 

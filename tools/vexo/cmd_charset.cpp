@@ -10,15 +10,7 @@ namespace vexo_cli {
 namespace {
 
 int run_charset() {
-  char *charset = nullptr;
-  const vexo_t_error_code rc = vexo_unix_default_charset(&charset, 0);
-  if (rc < 0) {
-    report_failure("vexo_unix_default_charset", rc);
-    return 1;
-  }
-  vexo_string owner(charset);
-  std::cout << charset << '\n';
-  return 0;
+  return print_library_string("vexo_unix_default_charset", vexo_unix_default_charset);
 }
 
 }  // namespace

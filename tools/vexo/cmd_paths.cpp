@@ -58,15 +58,7 @@ int run_cwd(bool latin1) {
 }
 
 int run_tmpdir() {
-  char *dir = nullptr;
-  const vexo_t_error_code rc = vexo_unix_temp_directory(&dir, 0);
-  if (rc < 0) {
-    report_failure("vexo_unix_temp_directory", rc);
-    return 1;
-  }
-  vexo_string owner(dir);
-  std::cout << dir << '\n';
-  return 0;
+  return print_library_string("vexo_unix_temp_directory", vexo_unix_temp_directory);
 }
 
 struct path_options {
