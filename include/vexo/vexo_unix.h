@@ -129,6 +129,75 @@ VEXO_API vexo_t_error_code vexo_read_directory_unix(vexo_t_dir *dir, vexo_t_dire
 VEXO_API vexo_t_error_code vexo_dirent_name_unix(vexo_t_dirent *ent, const char **name);
 VEXO_API void vexo_close_directory_unix(vexo_t_dir *dir);
 
+/* ---- Child processes ---------------------------------------------------------- */
+
+/* Per stream, the first of inherit, null device and pipe that is set decides;
+ * a stream with none of its three bits fails with VEXO_E_INTERNAL_ERROR. */
+#define VEXO_PROCESS_CREATE_OPTION_STDIN_INHERIT 0x1u
+#define VEXO_PROCESS_CREATE_OPTION_STDIN_NULL 0x2u
+#define VEXO_PROCESS_CREATE_OPTION_STDIN_PIPE 0x4u
+#define VEXO_PROCESS_CREATE_OPTION_STDOUT_INHERIT 0x8u
+#define VEXO_PROCESS_CREATE_OPTION_STDOUT_NULL 0x10u
+#define VEXO_PROCESS_CREATE_OPTION_STDOUT_PIPE 0x20u
+#define VEXO_PROCESS_CREATE_OPTION_STDERR_INHERIT 0x40u
+#define VEXO_PROCESS_CREATE_OPTION_STDERR_NULL 0x80u
+#define VEXO_PROCESS_CREATE_OPTION_STDERR_PIPE 0x100u
+/* The child calls setsid first. */
+#define VEXO_PROCESS_CREATE_OPTION_NEW_SESSION 0x400u
+/* `cmd_utf8` is a command line for the user's shell ("SHELL", else /bin/sh). */
+#define VEXO_PROCESS_CREATE_OPTION_SHELL 0x4000u
+/* The child's environment is built from `env_utf8` over the inherited one. */
+#define VEXO_PROCESS_CREATE_OPTION_ENV 0x20000u
+/* With ENV: over an empty environment instead. */
+#define VEXO_PROCESS_CREATE_OPTION_ENV_NO_INHERIT 0x80000u
+/* With ENV: `env_utf8` holds "KEY=VALUE" entries (the compact builder's flag 1). */
+#define VEXO_PROCESS_CREATE_OPTION_ENV_COMPACT_FLAG 0x100000u
+
+/* Fail with VEXO_E_WOULD_BLOCK instead of blocking on a running child. */
+#define VEXO_PROCESS_WAIT_OPTION_NONBLOCKING 0x1u
+/* Wait for the child's end; required (the only event waited for here). */
+#define VEXO_PROCESS_WAIT_OPTION_EXIT 0x2u
+/* A signal ends the wait with VEXO_E_INTERRUPTED instead of restarting it. */
+#define VEXO_PROCESS_WAIT_OPTION_INTERRUPTIBLE 0x4u
+/* No sweep of released children first. */
+#define VEXO_PROCESS_WAIT_OPTION_NO_SWEEP 0x8u
+
+/* A child that still runs is kept to be reaped by a later wait or release. */
+#define VEXO_PROCESS_RELEASE_OPTION_REAP_LATER 0x1u
+/* Do nothing at all; takes precedence over REAP_LATER. */
+#define VEXO_PROCESS_RELEASE_OPTION_FORGET 0x2u
+
+/* Starts `cmd_utf8` (a program path, used as it is, relative to `cwd_utf8`)
+ * or, with VEXO_PROCESS_CREATE_OPTION_SHELL, the command line through the
+ * shell. `params_utf8`: null-terminated array of property lists, one per
+ * argument, whose "string" and "file" entries are concatenated. Parent pipe
+ * ends (close-on-exec; -1 for a stream that is not a pipe) and the handle go
+ * to the non-null pointers, on success only; without `processp` the child is
+ * released at once and reaped later. A failure after the fork ends the child
+ * with status 1. Null `cmd_utf8` or `cwd_utf8`: VEXO_E_PARAMETER_ERROR. */
+VEXO_API vexo_t_error_code vexo_unix_process_create(const char *cmd_utf8, const vexo_t_property **params_utf8,
+                                                    const char *cwd_utf8, const char *const *env_utf8,
+                                                    vexo_t_os_file_handle *pstdin_parent_fd_wr,
+                                                    vexo_t_os_file_handle *pstdout_parent_fd_rd,
+                                                    vexo_t_os_file_handle *pstderr_parent_fd_rd,
+                                                    vexo_t_os_process_handle *processp, vexo_t_bits options);
+/* Handles and ids are the same number; not above 0: VEXO_E_PARAMETER_ERROR. */
+VEXO_API vexo_t_error_code vexo_unix_process_id(vexo_t_os_process_handle process, vexo_t_pid *pid);
+VEXO_API vexo_t_error_code vexo_unix_process_from_id(vexo_t_pid pid, vexo_t_os_process_handle *process);
+VEXO_API vexo_t_error_code vexo_unix_process_self_id(vexo_t_pid *pid);
+/* Reaps the child and decodes how it ended. `timeout` must be null
+ * (otherwise VEXO_E_NOT_SUPPORTED); an already reaped or unknown child gives
+ * VEXO_E_NOT_FOUND. `exit_status` may be null and is written on success only. */
+VEXO_API vexo_t_error_code vexo_unix_process_wait(vexo_t_os_process_handle process, vexo_t_timespec *timeout,
+                                                  vexo_t_process_exit_status *exit_status,
+                                                  vexo_t_bits options);
+/* Reaps an ended child; a running one gives VEXO_E_WOULD_BLOCK, or is kept
+ * for later with VEXO_PROCESS_RELEASE_OPTION_REAP_LATER. */
+VEXO_API vexo_t_error_code vexo_unix_process_release(vexo_t_os_process_handle process, vexo_t_bits options);
+/* kill(2) with the system's signal number; `options` is ignored. */
+VEXO_API vexo_t_error_code vexo_unix_process_kill(vexo_t_os_process_handle process, int signo,
+                                                  vexo_t_bits options);
+
 VEXO_END_DECLS
 
 #endif /* VEXO_UNIX_H */

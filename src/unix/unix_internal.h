@@ -117,4 +117,35 @@ struct vexo_t_dir_ {
   vexo_t_dirent ent;
 };
 
+// ---- Child processes ------------------------------------------------------------
+
+// Stream modes of vexo_unix_process_file, one per call.
+#define VEXO_PROCESS_FILE_OPTION_INHERIT 0x1u
+#define VEXO_PROCESS_FILE_OPTION_NULL 0x2u
+#define VEXO_PROCESS_FILE_OPTION_PIPE 0x4u
+
+// Prepares standard stream `fd` (0 read by the child, 1 and 2 written) for a
+// child: the child's end, and for a pipe the parent's close-on-exec end (-1
+// otherwise). Both are written on success only.
+vexo_t_error_code vexo_unix_process_file(int fd, vexo_t_os_file_handle *pparent_fd,
+                                         vexo_t_os_file_handle *pchild_fd, vexo_t_bits options);
+
+// The concatenated "string"/"file" entries of one parameter as a new
+// string; null on any failure, an unknown key included.
+char *vexo_unix_alloc_argv_entry_string(const vexo_t_property *entry);
+
+// Released children not reaped yet. Null exactly when empty; order carries
+// no meaning. Kept in the library's namespace: variable names are not
+// mangled, and a static link must not clash with an embedder's globals.
+namespace vexo {
+extern vexo_t_os_process_handle *zombies;
+extern size_t nzombies;
+}  // namespace vexo
+
+// One sweep: reaps what has ended. VEXO_S_DEALLOCATED when the list has been
+// freed (empty, or `force`: what still runs is forgotten), else VEXO_S_NOERR.
+vexo_t_error_code release_zombies(int force);
+// Appends one handle, growing the list by exactly one slot.
+vexo_t_error_code record_zombie(vexo_t_os_process_handle process);
+
 #endif  // VEXO_UNIX_INTERNAL_H

@@ -12,7 +12,9 @@
 #include <langinfo.h>
 #include <locale.h>
 #include <pwd.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <unordered_set>
 
@@ -220,6 +222,12 @@ FAULT_WRAP_POSIX(long, sysconf, (int name), (name))
 FAULT_WRAP_POSIX(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence))
 FAULT_WRAP_POSIX(int, fstat, (int fd, struct stat *buf), (fd, buf))
 FAULT_WRAP_POSIX(int, closedir, (DIR * dir), (dir))
+FAULT_WRAP_POSIX(pid_t, fork, (void), ())
+FAULT_WRAP_POSIX(int, pipe, (int fds[2]), (fds))
+FAULT_WRAP_POSIX(int, dup, (int fd), (fd))
+FAULT_WRAP_POSIX(int, dup2, (int fd, int fd2), (fd, fd2))
+FAULT_WRAP_POSIX(pid_t, waitpid, (pid_t pid, int *status, int options), (pid, status, options))
+FAULT_WRAP_POSIX(int, kill, (pid_t pid, int sig), (pid, sig))
 
 // open and fcntl take a third argument only for some requests.
 int __real_open(const char *path, int flags, ...);

@@ -63,6 +63,12 @@ enum class call {
   opendir,
   readdir,
   closedir,
+  fork,
+  pipe,
+  dup,
+  dup2,
+  waitpid,
+  kill,
   count_
 };
 
