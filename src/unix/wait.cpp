@@ -80,6 +80,10 @@ vexo_t_error_code record_zombie(vexo_t_os_process_handle process) {
 }
 
 vexo_t_error_code release_zombies(int force) {
+  // Every wait sweeps; an empty list must not even write its globals, which
+  // after a fork would copy their page for nothing.
+  if (zombies == nullptr)
+    return VEXO_S_DEALLOCATED;
   size_t n = nzombies;
   size_t i = 0;
   while (i < n) {
