@@ -198,6 +198,43 @@ VEXO_API vexo_t_error_code vexo_unix_process_release(vexo_t_os_process_handle pr
 VEXO_API vexo_t_error_code vexo_unix_process_kill(vexo_t_os_process_handle process, int signo,
                                                   vexo_t_bits options);
 
+/* ---- Start-up, shutdown and the environment --------------------------------- */
+
+/* Shut the back end down instead of starting it. */
+#define VEXO_INIT_PROCESS_OPTION_DEINIT 0x1u
+
+/* Lend the initial environment (taken at start-up) itself. */
+#define VEXO_GET_ENVIRON_OPTION_INITIAL 0x1u
+/* A new copy of the current environment, owned by the caller. */
+#define VEXO_GET_ENVIRON_OPTION_CURRENT 0x2u
+/* With INITIAL only: take the initial environment again first. */
+#define VEXO_GET_ENVIRON_OPTION_REFRESH 0x4u
+
+/* Look in the initial environment; VEXO_E_INVALID_STATE when there is none. */
+#define VEXO_GETENV_OPTION_INITIAL 0x1u
+/* Look in the live environment. */
+#define VEXO_GETENV_OPTION_CURRENT 0x2u
+
+/* Start-up (always VEXO_S_NOERR: without a copy of the environment the back
+ * end runs without an initial environment) or, with
+ * VEXO_INIT_PROCESS_OPTION_DEINIT, shutdown: the initial environment is
+ * released and released children that have ended are reaped, the rest
+ * forgotten. */
+VEXO_API vexo_t_error_code vexo_init_process_unix(vexo_t_bits options);
+/* A compact environment (pointer array, then entries key NUL value NUL, all
+ * UTF-8, in one block) and its size; `psize` may be null. INITIAL lends
+ * the installed block (null and 0 when there is none), CURRENT hands out a
+ * copy to free with vexo_free. VEXO_E_TRY_AGAIN: the environment changed
+ * while it was being copied. */
+VEXO_API vexo_t_error_code vexo_unix_get_environ(char ***penv, size_t *psize, vexo_t_bits options);
+/* Copies the value of `key` and its NUL into `buf`, whose capacity is
+ * `*psize`; `*psize` receives the size needed, also with
+ * VEXO_E_INSUFFICIENT_BUFFER (then `buf` is untouched and may be null). */
+VEXO_API vexo_t_error_code vexo_unix_getenv(const char *key, void *buf, size_t *psize, vexo_t_bits options);
+/* -1, 0 or 1: bytes unsigned, a prefix first, the overlong NUL 0xC0 0x80
+ * below every other byte. */
+VEXO_API int vexo_unix_compare_environment_keys(const char *skey1, const char *skey2);
+
 VEXO_END_DECLS
 
 #endif /* VEXO_UNIX_H */

@@ -148,4 +148,29 @@ vexo_t_error_code release_zombies(int force);
 // Appends one handle, growing the list by exactly one slot.
 vexo_t_error_code record_zombie(vexo_t_os_process_handle process);
 
+// ---- Environment --------------------------------------------------------------
+
+// The only form copy_current_os_environ makes; every caller sets it.
+#define VEXO_COPY_ENVIRON_OPTION_NUL_SEPARATED 0x1u
+
+// Where the platform keeps the process's environment array: a pointer to
+// the current null-terminated array of KEY=VALUE entries, or null.
+char ***os_environ_array();
+
+// The initial environment (a compact block) and its size; null and 0 when
+// none is installed. Changed only by init_env and release_env, together.
+namespace vexo {
+extern char **initial_environ_NUL_separated;
+extern size_t initial_environ_NUL_separated_size;
+}  // namespace vexo
+
+// Bytes for a pointer array as long as the null-terminated `env`, plus its null.
+size_t env_length(char **env);
+// The two-pass copy into one block, without the UTF-8 test.
+vexo_t_error_code copy_current_os_environ_raw(char ***envp, size_t *psize, vexo_t_bits options);
+// A new compact environment of the current environment, every entry UTF-8.
+vexo_t_error_code copy_current_os_environ(char ***penv, size_t *psize, vexo_t_bits options);
+vexo_t_error_code init_env();
+void release_env();
+
 #endif  // VEXO_UNIX_INTERNAL_H

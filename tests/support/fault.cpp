@@ -17,6 +17,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <unordered_set>
+#include <utility>
 
 namespace fault {
 namespace {
@@ -27,11 +28,14 @@ struct alloc_state {
   long count = 0;
   bool injected = false;
   std::unordered_set<void *> live;
+  std::function<void(long)> hook;
 };
 alloc_state g_alloc;
 
 bool next_allocation_fails() {
   ++g_alloc.count;
+  if (g_alloc.hook)
+    g_alloc.hook(g_alloc.count);
   if (g_alloc.fail_at != 0 && g_alloc.count == g_alloc.fail_at) {
     g_alloc.injected = true;
     return true;
@@ -103,6 +107,11 @@ alloc_scope::~alloc_scope() {
   vexo_replace_allocator(nullptr, nullptr, nullptr);
   // Blocks still live came from malloc, so the restored allocator frees them.
   g_alloc.active = false;
+  g_alloc.hook = nullptr;
+}
+
+void alloc_scope::on_allocation(std::function<void(long)> hook) {
+  g_alloc.hook = std::move(hook);
 }
 
 bool alloc_scope::injected() const {

@@ -27,6 +27,10 @@ class alloc_scope {
   alloc_scope(const alloc_scope &) = delete;
   alloc_scope &operator=(const alloc_scope &) = delete;
 
+  // Runs before every allocation of the scope with its number (1, 2, ...),
+  // e.g. to change what the code under test is reading meanwhile.
+  void on_allocation(std::function<void(long)> hook);
+
   bool injected() const;     // the k-th allocation was reached and failed
   long allocations() const;  // allocations attempted, the failed one included
   long live() const;         // blocks made in this scope and not yet freed
