@@ -1,9 +1,27 @@
 # One smoke test of the vexo tool: runs PROGRAM with ARGS ('|'-separated),
-# checks that it exits with EXPECT (zero or nonzero, a crash is neither),
-# that its output matches REGEX and, given SCRATCH, that it left nothing in
-# the TMPDIR it was given.
+# given ENV ('|'-separated KEY=VALUE entries) in its environment, checks that
+# it exits with EXPECT (zero or nonzero, a crash is neither), that its output
+# matches REGEX and, given SCRATCH, that it left nothing in the TMPDIR it was
+# given.
 string(REPLACE "|" ";" args "${ARGS}")
-string(REPLACE "|" " " shown "${ARGS}")
+string(REPLACE "|" " " shown "vexo ${ARGS}")
+if(DEFINED ENV)
+  # Set here rather than through `cmake -E env`, so that a crash still
+  # reaches execute_process as one.
+  string(REPLACE "|" ";" entries "${ENV}")
+  foreach(entry IN LISTS entries)
+    string(FIND "${entry}" "=" eq)
+    if(eq LESS 1)
+      message(FATAL_ERROR "ENV entry '${entry}' is not KEY=VALUE")
+    endif()
+    string(SUBSTRING "${entry}" 0 ${eq} key)
+    math(EXPR value_start "${eq} + 1")
+    string(SUBSTRING "${entry}" ${value_start} -1 value)
+    set(ENV{${key}} "${value}")
+  endforeach()
+  string(REPLACE "|" " " shown_env "${ENV}")
+  set(shown "${shown_env} ${shown}")
+endif()
 if(DEFINED SCRATCH)
   file(REMOVE_RECURSE "${SCRATCH}")
   file(MAKE_DIRECTORY "${SCRATCH}")
@@ -14,25 +32,25 @@ execute_process(COMMAND "${PROGRAM}" ${args} RESULT_VARIABLE rc OUTPUT_VARIABLE 
 message("${out}${err}")
 
 if(NOT rc MATCHES "^[0-9]+$")
-  message(FATAL_ERROR "vexo ${shown} did not exit normally: ${rc}")
+  message(FATAL_ERROR "${shown} did not exit normally: ${rc}")
 endif()
 if(EXPECT STREQUAL "zero" AND NOT rc EQUAL 0)
-  message(FATAL_ERROR "vexo ${shown} exited with ${rc}, expected 0")
+  message(FATAL_ERROR "${shown} exited with ${rc}, expected 0")
 endif()
 if(EXPECT STREQUAL "nonzero" AND rc EQUAL 0)
-  message(FATAL_ERROR "vexo ${shown} exited with 0, expected a failure")
+  message(FATAL_ERROR "${shown} exited with 0, expected a failure")
 endif()
 # A sanitizer report also ends in a non-zero exit; it must not pass for the expected failure.
 if("${out}${err}" MATCHES "Sanitizer")
-  message(FATAL_ERROR "vexo ${shown}: sanitizer report")
+  message(FATAL_ERROR "${shown}: sanitizer report")
 endif()
 if(DEFINED REGEX AND NOT "${out}${err}" MATCHES "${REGEX}")
-  message(FATAL_ERROR "vexo ${shown}: output does not match '${REGEX}'")
+  message(FATAL_ERROR "${shown}: output does not match '${REGEX}'")
 endif()
 if(DEFINED SCRATCH)
   file(GLOB left "${SCRATCH}/*")
   file(REMOVE_RECURSE "${SCRATCH}")
   if(left)
-    message(FATAL_ERROR "vexo ${shown} left behind: ${left}")
+    message(FATAL_ERROR "${shown} left behind: ${left}")
   endif()
 endif()

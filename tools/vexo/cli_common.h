@@ -5,6 +5,7 @@
 
 #include <vexo/vexo_unix.h>
 
+#include <array>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -100,10 +101,49 @@ std::string unnamed_text(vexo_t_error_code rc);
 // "CHARACTER" for VEXO_DEVICE_TYPE_CHARACTER and so on.
 const char *device_type_name(vexo_t_device_type type);
 
+// ---- Child processes, shared by `run` and the tour (cmd_run.cpp) -------
+
+// Program arguments as vexo_unix_process_create takes them: one property
+// list with a single "string" entry per argument, then a null pointer.
+class argument_lists {
+ public:
+  explicit argument_lists(std::vector<std::string> texts);
+  argument_lists(const argument_lists &) = delete;
+  argument_lists &operator=(const argument_lists &) = delete;
+  const vexo_t_property **get() { return pointers_.data(); }
+
+ private:
+  std::vector<std::string> texts_;
+  std::vector<std::array<vexo_t_property, 2>> lists_;
+  std::vector<const vexo_t_property *> pointers_;
+};
+
+// "exited with 3", "killed by signal SIGKILL", "... (core dumped)".
+std::string exit_status_text(const vexo_t_process_exit_status &status);
+
+// ---- The environment, shared by `env` and the tour (cmd_env.cpp) ---------
+
+// A compact environment that vexo_unix_get_environ copied for the caller
+// (VEXO_GET_ENVIRON_OPTION_CURRENT): one block, released with one vexo_free.
+struct environ_deleter {
+  void operator()(char **block) const { vexo_free(block); }
+};
+using environ_copy = std::unique_ptr<char *, environ_deleter>;
+
+// The value of a compact-environment entry (key NUL value NUL).
+const char *entry_value(const char *entry);
+
+// The value of `key` through vexo_unix_getenv under `options`: the size is
+// asked for first, then exactly that much is fetched. `value` is written on
+// success only.
+vexo_t_error_code getenv_value(const std::string &key, vexo_t_bits options, std::string &value);
+
 // Each registers one subcommand whose run stores its exit status in `status`.
 void add_name_command(CLI::App &app, int &status);
 void add_charset_command(CLI::App &app, int &status);
 void add_tour_command(CLI::App &app, int &status);
+void add_run_command(CLI::App &app, int &status);
+void add_env_command(CLI::App &app, int &status);
 // stat, access
 void add_stat_commands(CLI::App &app, int &status);
 // mkdir, rm, mv, cwd, tmpdir

@@ -12,12 +12,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <clocale>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <iomanip>
 #include <iostream>
 #include <map>
+#include <optional>
 #include <system_error>
 #include <vector>
 
@@ -367,9 +370,146 @@ void show_file_system(tour &t) {
   row("temporary directory", trc >= 0 ? printable(tmp) : code_name(trc));
 }
 
+std::string exit_status_row(const vexo_t_process_exit_status &status) {
+  char numbers[48];
+  std::snprintf(numbers, sizeof numbers, "(flags 0x%x, value %d)", static_cast<unsigned>(status.flags),
+                static_cast<int>(status.value));
+  return padded(exit_status_text(status), 30) + numbers;
+}
+
+// Starts a child with its streams on the null device, waits for it and
+// returns how it ended.
+vexo_t_process_exit_status run_quietly(const char *program, std::vector<std::string> args, const tour &t) {
+  argument_lists params(std::move(args));
+  vexo_t_os_process_handle child = 0;
+  vexo_t_error_code rc = vexo_unix_process_create(
+      program, params.get(), t.dir.c_str(), nullptr, nullptr, nullptr, nullptr, &child,
+      VEXO_PROCESS_CREATE_OPTION_STDIN_NULL | VEXO_PROCESS_CREATE_OPTION_STDOUT_NULL |
+          VEXO_PROCESS_CREATE_OPTION_STDERR_NULL);
+  if (rc < 0)
+    throw failure(std::string("vexo_unix_process_create ") + program, rc);
+  vexo_t_process_exit_status status = {};
+  rc = vexo_unix_process_wait(child, nullptr, &status, VEXO_PROCESS_WAIT_OPTION_EXIT);
+  if (rc < 0)
+    throw failure("vexo_unix_process_wait", rc);
+  return status;
+}
+
+void show_child(tour &t) {
+  section(t, "A child process",
+          "vexo_unix_process_create starts a program by its path, each argument given as a property list, "
+          "in the working directory it is given; each standard stream is inherited, the null device, or a "
+          "pipe whose other end, close-on-exec, goes to the caller. Here /bin/sh -c runs in the scratch "
+          "directory with its output through a pipe, which is read to its end; then "
+          "vexo_unix_process_wait reaps the child and decodes how it ended.");
+  static constexpr char kScript[] = "echo hello from a child";
+  argument_lists params({"-c", kScript});
+  vexo_t_os_file_handle out = -1;
+  vexo_t_os_process_handle child = 0;
+  vexo_t_error_code rc = vexo_unix_process_create(
+      "/bin/sh", params.get(), t.dir.c_str(), nullptr, nullptr, &out, nullptr, &child,
+      VEXO_PROCESS_CREATE_OPTION_STDIN_NULL | VEXO_PROCESS_CREATE_OPTION_STDOUT_PIPE |
+          VEXO_PROCESS_CREATE_OPTION_STDERR_INHERIT);
+  if (rc < 0)
+    throw failure("vexo_unix_process_create /bin/sh", rc);
+  // Read to the end before waiting: a child blocked on a full pipe would
+  // never end.
+  std::string text;
+  char buffer[256];
+  ssize_t n = 0;
+  while ((n = ::read(out, buffer, sizeof buffer)) != 0) {
+    if (n > 0)
+      text.append(buffer, static_cast<size_t>(n));
+    else if (errno != EINTR)
+      break;
+  }
+  const int read_errno = n < 0 ? errno : 0;
+  static_cast<void>(vexo_os_file_handle_close_unix(out, 0));
+  vexo_t_process_exit_status status = {};
+  rc = vexo_unix_process_wait(child, nullptr, &status, VEXO_PROCESS_WAIT_OPTION_EXIT);
+  if (read_errno != 0)
+    throw std::system_error(read_errno, std::generic_category(), "cannot read the child's output");
+  if (rc < 0)
+    throw failure("vexo_unix_process_wait", rc);
+  row("command", std::string("/bin/sh -c ") + printable(kScript));
+  row("read through the pipe", printable(text));
+  row("how it ended", exit_status_row(status));
+
+  std::cout << '\n';
+  paragraph(
+      "The wait decodes the status into flags and a value: an exit and its status, or the signal that "
+      "ended the child. What fails between the fork and the exec, such as a program that does not exist, "
+      "cannot be reported to the caller any more: the child ends with status 1.");
+  std::cout << '\n';
+  row("sh -c 'exit 3'", exit_status_row(run_quietly("/bin/sh", {"-c", "exit 3"}, t)));
+  row("sh -c 'kill -TERM $$'", exit_status_row(run_quietly("/bin/sh", {"-c", "kill -TERM $$"}, t)));
+  row("/no/such/program", exit_status_row(run_quietly("/no/such/program", {}, t)));
+}
+
+// Sets a variable in the live environment for as long as it lives, then
+// puts back what was there before.
+class scoped_variable {
+ public:
+  scoped_variable(const char *key, const char *value) : key_(key) {
+    if (const char *old = std::getenv(key))
+      saved_ = old;
+    if (::setenv(key, value, 1) != 0)
+      throw std::system_error(errno, std::generic_category(), std::string("cannot set ") + key);
+  }
+  ~scoped_variable() {
+    if (saved_)
+      ::setenv(key_, saved_->c_str(), 1);
+    else
+      ::unsetenv(key_);
+  }
+  scoped_variable(const scoped_variable &) = delete;
+  scoped_variable &operator=(const scoped_variable &) = delete;
+
+ private:
+  const char *key_;
+  std::optional<std::string> saved_;
+};
+
+void show_environment(tour &t) {
+  static constexpr char kKey[] = "VEXO_TOUR_LATIN1";
+  static constexpr char kValue[] = "caf\xE9";
+  section(t, "A variable that is not UTF-8",
+          "vexo_init_process_unix, called by the tool before any command, took a snapshot of the "
+          "environment, the initial environment, with every entry made UTF-8. Only now does the tour set " +
+              std::string(kKey) +
+              " to caf and the byte 0xE9 with setenv(3), so only the live environment holds it; it is "
+              "removed again at the end of this section.");
+  scoped_variable variable(kKey, kValue);
+  const auto show = [](const char *label, const std::string &result, const char *why) {
+    row(label, padded(result, 18) + why, 32);
+  };
+  show("setenv(3)", to_hex(kValue), "0xE9 is e-acute in Latin-1, not UTF-8");
+
+  std::string value;
+  vexo_t_error_code rc = getenv_value(kKey, VEXO_GETENV_OPTION_INITIAL, value);
+  show("vexo_unix_getenv INITIAL", rc < 0 ? code_name(rc) : to_hex(value),
+       "the snapshot is older than setenv");
+
+  char **copy = nullptr;
+  rc = vexo_unix_get_environ(&copy, nullptr, VEXO_GET_ENVIRON_OPTION_CURRENT);
+  if (rc < 0)
+    throw failure("vexo_unix_get_environ CURRENT", rc);
+  environ_copy owner(copy);
+  const char *copied = nullptr;
+  for (char **entry = copy; *entry != nullptr && copied == nullptr; ++entry)
+    if (std::strcmp(*entry, kKey) == 0)
+      copied = entry_value(*entry);
+  show("vexo_unix_get_environ CURRENT", copied != nullptr ? to_hex(copied) : "(not in the copy)",
+       "a new copy: the entry read as Latin-1");
+
+  rc = getenv_value(kKey, VEXO_GETENV_OPTION_CURRENT, value);
+  show("vexo_unix_getenv CURRENT", rc < 0 ? code_name(rc) : to_hex(value),
+       "the live bytes, copied as they are");
+}
+
 using section_fn = void (*)(tour &);
-constexpr section_fn sections[] = {show_charset,      create_files,   list_names,
-                                   show_root_lengths, show_validator, show_file_system};
+constexpr section_fn sections[] = {show_charset,   create_files,     list_names, show_root_lengths,
+                                   show_validator, show_file_system, show_child, show_environment};
 
 int run_tour() {
   deferred_signals held;
