@@ -54,7 +54,7 @@ void BM_vexo_nfc_step(benchmark::State &state, const std::vector<std::string> *n
   size_t i = 0;
   for (auto _ : state) {
     char *utf8 = nullptr;
-    benchmark::DoNotOptimize(utf8_to_nfc((*names)[i].c_str(), &utf8, 0));
+    benchmark::DoNotOptimize(vexo::utf8_to_nfc((*names)[i].c_str(), &utf8, 0));
     benchmark::DoNotOptimize(utf8);
     vexo_free(utf8);
     i = i + 1 == names->size() ? 0 : i + 1;

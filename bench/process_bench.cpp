@@ -266,15 +266,15 @@ void BM_vexo_sweep(benchmark::State &state) {
     state.PauseTiming();
     bool ok = make_zombies(pids);
     for (size_t i = 0; ok && i < pids.size(); ++i)
-      ok = record_zombie(pids[i]) == VEXO_S_NOERR;
+      ok = vexo::record_zombie(pids[i]) == VEXO_S_NOERR;
     if (!ok) {
-      release_zombies(1);
+      vexo::release_zombies(1);
       reap_all(pids);
       state.SkipWithError("cannot fork or record the children");
       break;
     }
     state.ResumeTiming();
-    const vexo_t_error_code rc = release_zombies(0);
+    const vexo_t_error_code rc = vexo::release_zombies(0);
     state.PauseTiming();
     // Every child must have been reaped by the sweep itself.
     const bool all_reaped =

@@ -69,7 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   char **env = nullptr;
   size_t env_size = 0;
   const vexo_t_error_code rc =
-      copy_current_os_environ(&env, &env_size, VEXO_COPY_ENVIRON_OPTION_NUL_SEPARATED);
+      vexo::copy_current_os_environ(&env, &env_size, VEXO_COPY_ENVIRON_OPTION_NUL_SEPARATED);
   environ = saved;
   check(rc == VEXO_S_NOERR);
 

@@ -13,7 +13,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   char *out = nullptr;
   size_t out_size = 0;
   const vexo_t_error_code rc =
-      vexo_from_os_unix(in, size, &out, &out_size, VEXO_FROM_OS_OPTION_LATIN1_FALLBACK);
+      vexo::vexo_from_os_unix(in, size, &out, &out_size, VEXO_FROM_OS_OPTION_LATIN1_FALLBACK);
   if (rc < 0)
     std::abort();
   if (vexo_is_legal_utf8_string(out, out_size, 0) < 0)

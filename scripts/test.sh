@@ -58,6 +58,7 @@ install_and_consume() {
   local stage=$root/build/stage
   rm -rf "$stage" "$root/build/consumer"
   cmake --install build/release --prefix "$stage" >/dev/null || return 1
+  bash tests/check_exports.sh "$stage"/lib/libvexo.so "$stage"/include/vexo "$stage"/lib/libvexo.a || return 1
   cmake -S tests/consumer -B build/consumer -G Ninja -DCMAKE_PREFIX_PATH="$stage" -DCMAKE_BUILD_TYPE=Release \
     >/dev/null || return 1
   cmake --build build/consumer || return 1

@@ -135,7 +135,7 @@ TEST_F(Environ, StartUpEmptiesTheZombieListAndShutdownSweepsIt) {
   ASSERT_TRUE(ended > 0 && running > 0);
   siginfo_t info{};
   EXPECT_EQ(waitid(P_PID, static_cast<id_t>(ended), &info, WEXITED | WNOWAIT), 0);  // ended, not reaped
-  EXPECT_TRUE(record_zombie(ended) == VEXO_S_NOERR && record_zombie(running) == VEXO_S_NOERR);
+  EXPECT_TRUE(vexo::record_zombie(ended) == VEXO_S_NOERR && vexo::record_zombie(running) == VEXO_S_NOERR);
   EXPECT_EQ(vexo_init_process_unix(VEXO_INIT_PROCESS_OPTION_DEINIT), VEXO_S_NOERR);
   EXPECT_TRUE(vexo::zombies == nullptr && vexo::nzombies == 0u);
   EXPECT_TRUE(waitpid(ended, nullptr, WNOHANG) == -1 && errno == ECHILD);
@@ -163,7 +163,7 @@ TEST_F(Environ, AllocationFailures) {
       if (g.rc == VEXO_S_NOERR && options == kCurrent)
         vexo_free(g.env);
       else if (g.rc == VEXO_S_NOERR)  // a new block made in this scope, freed before the leak check
-        release_env();
+        vexo::release_env();
     });
   }
 }

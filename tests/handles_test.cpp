@@ -162,15 +162,15 @@ TEST_F(Handles, SetfdChangesOnlyTheMaskedBitsAndIsNotRepeated) {
     int mask, bits, after;
   } steps[] = {{FD_CLOEXEC, 0, 0}, {0, FD_CLOEXEC, 0}, {FD_CLOEXEC, ~0, FD_CLOEXEC}, {0, 0, FD_CLOEXEC}};
   for (const auto &s : steps) {
-    EXPECT_EQ(vexo_unix_SETFD(fd.get(), s.mask, s.bits), VEXO_S_NOERR);
+    EXPECT_EQ(vexo::vexo_unix_SETFD(fd.get(), s.mask, s.bits), VEXO_S_NOERR);
     EXPECT_EQ(fcntl(fd.get(), F_GETFD), s.after) << s.mask << " " << s.bits;
   }
   fault::reset();
   fault::fail(fault::call::fcntl, EINTR);
-  EXPECT_EQ(vexo_unix_SETFD(fd.get(), FD_CLOEXEC, 0), os_error(EINTR));
+  EXPECT_EQ(vexo::vexo_unix_SETFD(fd.get(), FD_CLOEXEC, 0), os_error(EINTR));
   EXPECT_EQ(fault::calls(fault::call::fcntl), 1);
   EXPECT_EQ(fcntl(fd.get(), F_GETFD), FD_CLOEXEC);
-  EXPECT_EQ(vexo_unix_SETFD(-1, FD_CLOEXEC, 0), os_error(EBADF));
+  EXPECT_EQ(vexo::vexo_unix_SETFD(-1, FD_CLOEXEC, 0), os_error(EBADF));
 }
 
 TEST_F(Handles, CloseHandsSocketsToTheCoreAndMapsFailuresOnce) {

@@ -34,7 +34,7 @@ enum kind { for_os, from_name, from_sized };
 outcome run(kind k, vexo_t_bits o, const char *in, size_t size) {
   char *out = kUntouched;
   size_t n = 777;
-  vexo_t_error_code rc = k == from_sized ? vexo_from_os_unix(in, size, &out, &n, o)
+  vexo_t_error_code rc = k == from_sized ? vexo::vexo_from_os_unix(in, size, &out, &n, o)
                          : k == for_os   ? vexo_file_name_for_os_unix(in, &out, o)
                                          : vexo_file_name_from_os_unix(in, &out, o);
   if (rc < 0) {
@@ -107,9 +107,10 @@ TEST(Conversions, NullArgumentsAndNullSizePointer) {
   char *out = kUntouched;
   EXPECT_EQ(vexo_file_name_for_os_unix(nullptr, &out, 0), VEXO_E_PARAMETER_ERROR);
   EXPECT_EQ(vexo_file_name_from_os_unix("\xE9", nullptr, kLatin1), VEXO_E_PARAMETER_ERROR);
-  EXPECT_EQ(vexo_from_os_unix(nullptr, 0, &out, nullptr, 0), VEXO_E_PARAMETER_ERROR);
+  EXPECT_EQ(vexo::vexo_from_os_unix(nullptr, 0, &out, nullptr, 0), VEXO_E_PARAMETER_ERROR);
   EXPECT_EQ(out, kUntouched);
-  ASSERT_EQ(vexo_from_os_unix("\xE9", 1, &out, nullptr, kLatin1), kLatin1Status) << "a null size is allowed";
+  ASSERT_EQ(vexo::vexo_from_os_unix("\xE9", 1, &out, nullptr, kLatin1), kLatin1Status)
+      << "a null size is allowed";
   EXPECT_EQ(std::string(out, 2), "\xC3\xA9");
   vexo_free(out);
 }
@@ -168,9 +169,9 @@ TEST(PathRootAndAscii, OneSlashIsTheRootHighBytesAreNotAscii) {
                                 {nullptr, VEXO_E_PARAMETER_ERROR}})
     EXPECT_EQ(vexo_unix_path_root_len(p), want) << (p ? p : "(null)");
   for (const char *ascii : {"", "\x01 ~\x7F", "ab\0\xFF"})
-    EXPECT_NE(is_ASCII(ascii), 0) << ascii;
+    EXPECT_NE(vexo::is_ASCII(ascii), 0) << ascii;
   for (const char *high : {"abc\x80", "\xFF"})
-    EXPECT_EQ(is_ASCII(high), 0) << high;
+    EXPECT_EQ(vexo::is_ASCII(high), 0) << high;
 }
 
 }  // namespace

@@ -28,7 +28,7 @@ std::string utf8(char32_t c) {
 
 std::string nfc(const std::string &in) {  // the NFC form, or "<code>" on failure
   char *out = kUntouched;
-  const vexo_t_error_code rc = utf8_to_nfc(in.c_str(), &out, 0);
+  const vexo_t_error_code rc = vexo::utf8_to_nfc(in.c_str(), &out, 0);
   EXPECT_EQ(rc != VEXO_S_NOERR, out == kUntouched);
   if (rc != VEXO_S_NOERR)
     return "<" + std::to_string(rc) + ">";
@@ -95,7 +95,7 @@ TEST(Nfc, Conformance) {
 TEST(Nfc, TextThatCannotBeReadAsUtf8Fails) {
   for (const char *bad : {"", "\xC3", "a\xE9z", "\xED\xA0\x80", "\xC0\xAF", "\xF4\x90\x80\x80"})
     EXPECT_EQ(nfc(bad), "<" + std::to_string(VEXO_E_ENCODING_INVALID) + ">");
-  EXPECT_EQ(utf8_to_nfc(nullptr, nullptr, 0), VEXO_E_PARAMETER_ERROR);
+  EXPECT_EQ(vexo::utf8_to_nfc(nullptr, nullptr, 0), VEXO_E_PARAMETER_ERROR);
 }
 
 // Sizes around the on-stack first pass (fitting, exactly full, larger) for text that shrinks,

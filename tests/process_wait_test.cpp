@@ -25,7 +25,7 @@ class Wait : public fault::Test {
     for (const pid_t pid : kids_)
       if (!reaped(pid) && kill(pid, SIGKILL) == 0)  // still ours, so the id cannot have been reused
         waitpid(pid, nullptr, 0);
-    release_zombies(1);
+    vexo::release_zombies(1);
     EXPECT_EQ(fault::open_fds(), fds_) << "descriptor leaked";
     EXPECT_TRUE(child::children().empty()) << "child left behind";
   }
@@ -122,13 +122,13 @@ TEST_F(Wait, EarlyAnswersFollowTheSweep) {
            {running, nullptr, kNonblocking | kExit, VEXO_E_WOULD_BLOCK},
            {running, nullptr, kNonblocking | kExit | kInterruptible | kNoSweep, VEXO_E_WOULD_BLOCK}}) {
     const pid_t zombie = ended();
-    ASSERT_EQ(record_zombie(zombie), VEXO_S_NOERR);
+    ASSERT_EQ(vexo::record_zombie(zombie), VEXO_S_NOERR);
     const int calls = waitpids();
     const bool sweep = (options & kNoSweep) == 0;
     EXPECT_EQ(waited(handle, options, timeout), failed(rc)) << handle << " " << options;
     EXPECT_EQ(waitpids() - calls, int{sweep} + int{rc == VEXO_E_WOULD_BLOCK}) << options;
     EXPECT_TRUE(reaped(zombie) == sweep && list_freed() == sweep) << options;
-    release_zombies(1);
+    vexo::release_zombies(1);
   }
 }
 
@@ -175,7 +175,7 @@ TEST_F(Wait, InjectedFailuresAreRepeatedOrMapped) {
 
 TEST_F(Release, ReapsAnEndedChildAndKeepsARunningOneOnlyWhenAsked) {
   const pid_t done = ended(4), zombie = ended();
-  ASSERT_EQ(record_zombie(zombie), VEXO_S_NOERR);
+  ASSERT_EQ(vexo::record_zombie(zombie), VEXO_S_NOERR);
   const int calls = waitpids();
   for (const vexo_t_bits options : {VEXO_PROCESS_RELEASE_OPTION_FORGET, 0xFFFFFFFFu})  // nothing at all
     EXPECT_EQ(vexo_unix_process_release(done, options), VEXO_S_NOERR);
@@ -193,7 +193,7 @@ TEST_F(Release, ReapsAnEndedChildAndKeepsARunningOneOnlyWhenAsked) {
   }
   {
     fault::alloc_scope scope(1);  // the list cannot grow: it stays as it was
-    EXPECT_TRUE(record_zombie(second) == VEXO_E_OUT_OF_MEMORY && list() == std::vector<pid_t>{first});
+    EXPECT_TRUE(vexo::record_zombie(second) == VEXO_E_OUT_OF_MEMORY && list() == std::vector<pid_t>{first});
   }
   end(first);  // once ended, it goes with the next release or wait of any handle
   EXPECT_EQ(vexo_unix_process_release(second, kReapLater), VEXO_S_NOERR);
@@ -214,20 +214,20 @@ TEST_F(Release, SweepMovesTheLastHandleIntoTheGap) {
     std::vector<pid_t> want;
     for (int i = 0; i < 3; ++i) {
       p[i] = kind[i] == 's' ? getpid() : kind[i] == '1' ? ended() : spawn();
-      ASSERT_EQ(record_zombie(p[i]), VEXO_S_NOERR);
+      ASSERT_EQ(vexo::record_zombie(p[i]), VEXO_S_NOERR);
     }
     for (const int i : left)
       want.push_back(p[i]);
     vexo_t_os_process_handle *const array = vexo::zombies;
     fault::alloc_scope scope(1);
-    EXPECT_EQ(release_zombies(force), want.empty() ? VEXO_S_DEALLOCATED : VEXO_S_NOERR);
+    EXPECT_EQ(vexo::release_zombies(force), want.empty() ? VEXO_S_DEALLOCATED : VEXO_S_NOERR);
     EXPECT_TRUE(list() == want && list_freed() == want.empty() && scope.injected() == !want.empty());
     EXPECT_TRUE(want.empty() || vexo::zombies == array);
     for (int i = 0; i < 3; ++i)
       EXPECT_EQ(reaped(p[i]), kind[i] != '0') << i;  // the forgotten are still ours to wait for
-    release_zombies(1);
+    vexo::release_zombies(1);
   }
-  EXPECT_EQ(release_zombies(0), VEXO_S_DEALLOCATED);  // the empty sweep
+  EXPECT_EQ(vexo::release_zombies(0), VEXO_S_DEALLOCATED);  // the empty sweep
 }
 
 TEST_F(Release, AThousandReleasedChildrenAreAllReaped) {
@@ -236,7 +236,7 @@ TEST_F(Release, AThousandReleasedChildrenAreAllReaped) {
   for (int i = 0; i < 1000; ++i)  // no parent ends asked for, and no handle
     ASSERT_EQ(vexo_unix_process_create("/bin/true", {}, "/", {}, {}, {}, {}, {}, pipes), VEXO_S_NOERR);
   for (int i = 0; i < 4000 && vexo::nzombies != 0; ++i, usleep(5000))  // 20 s at most
-    release_zombies(0);
+    vexo::release_zombies(0);
   EXPECT_TRUE(list_freed()) << vexo::nzombies << " not reaped";
   EXPECT_TRUE(child::children().empty()) << "zombies left in /proc";
 }

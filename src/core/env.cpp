@@ -159,9 +159,9 @@ vexo_t_error_code live_environ_strings(char ***penv) {
   return VEXO_S_NOERR;
 }
 
-bool key_less(const char *a, const char *b) {
-  return std::strcmp(a, b) < 0;
-}
+// A closure rather than a function: its type is local to this file, so the
+// sort instantiated on it is too, and adds no global symbol to the library.
+constexpr auto key_less = [](const char *a, const char *b) { return std::strcmp(a, b) < 0; };
 
 }  // namespace
 

@@ -27,7 +27,7 @@ vexo_t_error_code stat_parent(char *os_path, struct stat *pstat_buf) {
     return VEXO_E_FILE_NOT_FOUND;
   slash[1] = '\0';
 
-  const int err = os_stat(os_path, pstat_buf);
+  const int err = vexo::os_stat(os_path, pstat_buf);
   if (err != 0)
     return vexo_map_unix_error(err, VEXO_E_FILE_NOT_FOUND);
   if (!S_ISDIR(pstat_buf->st_mode))
@@ -58,7 +58,7 @@ extern "C" vexo_t_error_code vexo_unix_test_file_access(const char *utf8_path, v
 
   struct stat st {};
   bool is_dir = false;
-  const int err = os_stat(os_path.get(), &st);
+  const int err = vexo::os_stat(os_path.get(), &st);
   if (err != 0) {
     if ((options & VEXO_ACCESS_OPTION_REGULAR) != 0)
       return VEXO_E_FILE_NOT_FOUND;
@@ -91,7 +91,7 @@ extern "C" vexo_t_error_code vexo_unix_test_file_access(const char *utf8_path, v
     return result;
 
   vexo_t_unix_access_class access_class = VEXO_UNIX_ACCESS_CLASS_INVALID;
-  VEXO_CHECK(vexo_unix_access_class(&st, &access_class));
+  VEXO_CHECK(vexo::vexo_unix_access_class(&st, &access_class));
   mask &= kept_bits(access_class);
   return (st.st_mode & mask) == mask ? VEXO_S_NOERR : VEXO_E_FILE_ACCESS;
 }

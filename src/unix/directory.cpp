@@ -13,7 +13,7 @@ static_assert(VEXO_DIR_OPTION_NON_DIRECTORIES_ONLY == VEXO_DIRENT_FLAG_NON_DIREC
 
 // A stream that no listing owns yet.
 struct stream_closer {
-  void operator()(DIR *os_dir) const noexcept { (void)os_closedir(os_dir); }
+  void operator()(DIR *os_dir) const noexcept { (void)vexo::os_closedir(os_dir); }
 };
 using stream = std::unique_ptr<DIR, stream_closer>;
 
@@ -34,7 +34,7 @@ vexo_t_error_code wanted(vexo_t_dir *dir) {
 
   struct stat st;
   // Removed or dangling since the system listed it: nothing to classify.
-  if (os_stat(reinterpret_cast<const char *>(path.buf), &st) != 0)
+  if (vexo::os_stat(reinterpret_cast<const char *>(path.buf), &st) != 0)
     return VEXO_S_FALSE;
   const bool is_dir = S_ISDIR(st.st_mode);
   if ((dir->ent.flags & VEXO_DIRENT_FLAG_DIRECTORIES_ONLY) != 0 && !is_dir)
@@ -46,7 +46,7 @@ vexo_t_error_code wanted(vexo_t_dir *dir) {
 
 }  // namespace
 
-int os_opendir(const char *os_path, DIR **pos_dir) {
+int vexo::os_opendir(const char *os_path, DIR **pos_dir) {
   for (;;) {
     DIR *os_dir = opendir(os_path);
     if (os_dir != nullptr) {
@@ -58,7 +58,7 @@ int os_opendir(const char *os_path, DIR **pos_dir) {
   }
 }
 
-int os_readdir(DIR *os_dir, struct dirent **pos_ent) {
+int vexo::os_readdir(DIR *os_dir, struct dirent **pos_ent) {
   struct dirent *os_ent = nullptr;
   // readdir tells the end from a failure only through errno.
   do {
@@ -71,7 +71,7 @@ int os_readdir(DIR *os_dir, struct dirent **pos_ent) {
   return 0;
 }
 
-int os_closedir(DIR *os_dir) {
+int vexo::os_closedir(DIR *os_dir) {
   // Never repeated: the stream is released whatever closedir reports, and a
   // second call would touch freed memory.
   return closedir(os_dir) == 0 ? 0 : errno;
@@ -85,7 +85,7 @@ vexo_t_error_code vexo_open_directory_unix(const char *utf8_path, vexo_t_dir **p
   VEXO_CHECK(vexo_file_name_for_os_unix(utf8_path, os_path.out(), VEXO_FILE_NAME_OPTION_NO_COPY));
 
   DIR *os_dir = nullptr;
-  const int err = os_opendir(os_path.get(), &os_dir);
+  const int err = vexo::os_opendir(os_path.get(), &os_dir);
   if (err != 0)
     return vexo_map_unix_error(err, VEXO_E_OS_ERROR);
   stream unowned(os_dir);
@@ -116,7 +116,7 @@ vexo_t_error_code vexo_read_directory_unix(vexo_t_dir *dir, vexo_t_dirent **pent
   (void)options;
   vexo_t_error_code result = VEXO_S_NOERR;
   for (;;) {
-    const int err = os_readdir(dir->os_dir, &dir->ent.os_ent);
+    const int err = vexo::os_readdir(dir->os_dir, &dir->ent.os_ent);
     if (err != 0)
       return vexo_map_unix_error(err, VEXO_E_OS_ERROR);
     if (dir->ent.os_ent == nullptr)
@@ -159,7 +159,7 @@ void vexo_close_directory_unix(vexo_t_dir *dir) {
   if (dir == nullptr)
     return;
   if (dir->os_dir != nullptr)
-    (void)os_closedir(dir->os_dir);
+    (void)vexo::os_closedir(dir->os_dir);
   vexo_buf_free(&dir->os_path_buf);
   if (dir->ent.utf8_name != nullptr && (dir->ent.flags & VEXO_DIRENT_FLAG_UTF8_NAME_OWNED) != 0)
     vexo_free(dir->ent.utf8_name);

@@ -14,19 +14,19 @@ size_t initial_environ_NUL_separated_size = 0;
 using vexo::initial_environ_NUL_separated;
 using vexo::initial_environ_NUL_separated_size;
 
-char ***os_environ_array() {
+char ***vexo::os_environ_array() {
   return &environ;
 }
 
-size_t env_length(char **env) {
+size_t vexo::env_length(char **env) {
   size_t n = 0;
   while (env[n] != nullptr)
     ++n;
   return (n + 1) * sizeof(char *);
 }
 
-vexo_t_error_code copy_current_os_environ_raw(char ***envp, size_t *psize, vexo_t_bits /*options*/) {
-  char ***accessor = os_environ_array();
+vexo_t_error_code vexo::copy_current_os_environ_raw(char ***envp, size_t *psize, vexo_t_bits /*options*/) {
+  char ***accessor = vexo::os_environ_array();
   if (accessor == nullptr || *accessor == nullptr)
     return VEXO_E_IMPOSSIBLE_ERROR;
 
@@ -107,7 +107,7 @@ struct string_list_deleter {
 // ISO 8859-1 as a whole (key and value). `raw` is freed on success.
 vexo_t_error_code rebuild_as_utf8(vexo::mem<char *> &raw, char ***penv, size_t *psize) {
   vexo_t_error_code result = VEXO_S_NOERR;
-  char **list = static_cast<char **>(vexo_alloc(env_length(raw.get())));
+  char **list = static_cast<char **>(vexo_alloc(vexo::env_length(raw.get())));
   if (list == nullptr)
     return VEXO_E_OUT_OF_MEMORY;
   std::unique_ptr<char *, string_list_deleter> owner(list);
@@ -115,8 +115,8 @@ vexo_t_error_code rebuild_as_utf8(vexo::mem<char *> &raw, char ***penv, size_t *
   for (; raw.get()[i] != nullptr; ++i) {
     const char *entry = raw.get()[i];
     list[i] = nullptr;  // ends the list for the clean-up if this conversion fails
-    VEXO_CHECK(
-        vexo_from_os_unix(entry, entry_size(entry), &list[i], nullptr, VEXO_FROM_OS_OPTION_LATIN1_FALLBACK));
+    VEXO_CHECK(vexo::vexo_from_os_unix(entry, entry_size(entry), &list[i], nullptr,
+                                       VEXO_FROM_OS_OPTION_LATIN1_FALLBACK));
   }
   list[i] = nullptr;
   raw.reset();
@@ -126,11 +126,11 @@ vexo_t_error_code rebuild_as_utf8(vexo::mem<char *> &raw, char ***penv, size_t *
 
 }  // namespace
 
-vexo_t_error_code copy_current_os_environ(char ***penv, size_t *psize, vexo_t_bits options) {
+vexo_t_error_code vexo::copy_current_os_environ(char ***penv, size_t *psize, vexo_t_bits options) {
   vexo_t_error_code result = VEXO_S_NOERR;
   char **block = nullptr;
   size_t size = 0;
-  VEXO_CHECK(copy_current_os_environ_raw(&block, &size, options));
+  VEXO_CHECK(vexo::copy_current_os_environ_raw(&block, &size, options));
   vexo::mem<char *> raw(block);
 
   // The stored entries lie back to back, each ending in NUL, and no UTF-8
@@ -153,18 +153,18 @@ vexo_t_error_code copy_current_os_environ(char ***penv, size_t *psize, vexo_t_bi
   return VEXO_S_NOERR;
 }
 
-vexo_t_error_code init_env() {
+vexo_t_error_code vexo::init_env() {
   vexo_t_error_code result = VEXO_S_NOERR;
   char **env = nullptr;
   size_t size = 0;
-  VEXO_CHECK(copy_current_os_environ(&env, &size, VEXO_COPY_ENVIRON_OPTION_NUL_SEPARATED));
-  release_env();
+  VEXO_CHECK(vexo::copy_current_os_environ(&env, &size, VEXO_COPY_ENVIRON_OPTION_NUL_SEPARATED));
+  vexo::release_env();
   initial_environ_NUL_separated = env;
   initial_environ_NUL_separated_size = size;
   return VEXO_S_NOERR;
 }
 
-void release_env() {
+void vexo::release_env() {
   char **env = initial_environ_NUL_separated;
   initial_environ_NUL_separated_size = 0;
   initial_environ_NUL_separated = nullptr;
@@ -173,8 +173,8 @@ void release_env() {
 
 extern "C" vexo_t_error_code vexo_init_process_unix(vexo_t_bits options) {
   if ((options & VEXO_INIT_PROCESS_OPTION_DEINIT) != 0) {
-    release_env();
-    const vexo_t_error_code swept = release_zombies(1);
+    vexo::release_env();
+    const vexo_t_error_code swept = vexo::release_zombies(1);
     return swept < 0 ? swept : VEXO_S_NOERR;
   }
   // Nothing is freed: before start-up the list holds nothing valid.
@@ -182,7 +182,7 @@ extern "C" vexo_t_error_code vexo_init_process_unix(vexo_t_bits options) {
   vexo::nzombies = 0;
   // Without a copy the back end still works; look-ups then read the live
   // environment.
-  static_cast<void>(init_env());
+  static_cast<void>(vexo::init_env());
   return VEXO_S_NOERR;
 }
 
@@ -193,12 +193,12 @@ extern "C" vexo_t_error_code vexo_unix_get_environ(char ***penv, size_t *psize, 
   if ((options & VEXO_GET_ENVIRON_OPTION_CURRENT) != 0) {
     if ((options & (VEXO_GET_ENVIRON_OPTION_REFRESH | VEXO_GET_ENVIRON_OPTION_INITIAL)) != 0)
       return VEXO_E_PARAMETER_ERROR;
-    return copy_current_os_environ(penv, psize, VEXO_COPY_ENVIRON_OPTION_NUL_SEPARATED);
+    return vexo::copy_current_os_environ(penv, psize, VEXO_COPY_ENVIRON_OPTION_NUL_SEPARATED);
   }
   if ((options & VEXO_GET_ENVIRON_OPTION_INITIAL) == 0)
     return VEXO_E_PARAMETER_ERROR;
   if ((options & VEXO_GET_ENVIRON_OPTION_REFRESH) != 0)
-    VEXO_CHECK(init_env());
+    VEXO_CHECK(vexo::init_env());
   *penv = initial_environ_NUL_separated;
   if (psize != nullptr)
     *psize = initial_environ_NUL_separated_size;

@@ -5,11 +5,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-int os_fstat(int fd, struct stat *pstat_buf) {
-  return retry_on_eintr([=] { return fstat(fd, pstat_buf); });
+int vexo::os_fstat(int fd, struct stat *pstat_buf) {
+  return vexo::retry_on_eintr([=] { return fstat(fd, pstat_buf); });
 }
 
-vexo_t_error_code vexo_unix_SETFD(vexo_t_os_file_handle fd, int mask, int value) {
+vexo_t_error_code vexo::vexo_unix_SETFD(vexo_t_os_file_handle fd, int mask, int value) {
   vexo_t_error_code result = VEXO_S_NOERR;
   // Neither call is repeated: fcntl on these commands does not block, so an
   // EINTR is reported like any other failure.
@@ -26,7 +26,7 @@ extern "C" vexo_t_error_code vexo_unix_open_file(const char *utf8_pathname, int 
   VEXO_CHECK(vexo_file_name_for_os_unix(utf8_pathname, os_pathname.out(), VEXO_FILE_NAME_OPTION_NO_COPY));
 
   int fd = -1;
-  const int err = retry_on_eintr([&] {
+  const int err = vexo::retry_on_eintr([&] {
     fd = open(os_pathname.get(), oflag, mode);
     return fd;
   });
@@ -35,7 +35,7 @@ extern "C" vexo_t_error_code vexo_unix_open_file(const char *utf8_pathname, int 
 
   // Close-on-exec is best effort: a handle without it is still a usable
   // handle, and the caller has no better way to recover.
-  static_cast<void>(vexo_unix_SETFD(fd, FD_CLOEXEC, FD_CLOEXEC));
+  static_cast<void>(vexo::vexo_unix_SETFD(fd, FD_CLOEXEC, FD_CLOEXEC));
   *pfd = fd;
   return result;
 }
@@ -43,7 +43,7 @@ extern "C" vexo_t_error_code vexo_unix_open_file(const char *utf8_pathname, int 
 extern "C" vexo_t_error_code vexo_unix_file_pos(vexo_t_os_file_handle hFile, vexo_t_offset *ppos,
                                                 vexo_t_bits /*options*/) {
   off_t pos = -1;
-  const int err = retry_on_eintr([&] {
+  const int err = vexo::retry_on_eintr([&] {
     pos = lseek(hFile, 0, SEEK_CUR);
     return pos;
   });
@@ -56,7 +56,7 @@ extern "C" vexo_t_error_code vexo_unix_file_pos(vexo_t_os_file_handle hFile, vex
 extern "C" vexo_t_error_code vexo_unix_file_size(vexo_t_os_file_handle hFile, vexo_t_offset *psize,
                                                  vexo_t_bits /*options*/) {
   struct stat st {};
-  const int err = os_fstat(hFile, &st);
+  const int err = vexo::os_fstat(hFile, &st);
   if (err != 0)
     return vexo_map_unix_error(err, VEXO_E_OS_ERROR);
   // Only a regular file has a size that says how much can be read.
@@ -73,7 +73,7 @@ extern "C" vexo_t_device_type vexo_unix_device_type(vexo_t_os_file_handle hFile)
   if (isatty(hFile) != 0)
     return VEXO_DEVICE_TYPE_TTY;
   struct stat st {};
-  if (os_fstat(hFile, &st) != 0)
+  if (vexo::os_fstat(hFile, &st) != 0)
     return VEXO_DEVICE_TYPE_ILLEGAL;
   switch (st.st_mode & S_IFMT) {
     case S_IFREG:

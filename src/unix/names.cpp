@@ -25,15 +25,16 @@ vexo_t_error_code lend_or_copy(const char *s, char **pout, vexo_t_bits options) 
 
 }  // namespace
 
-int is_ASCII(const char *s) {
+int vexo::is_ASCII(const char *s) {
   // libc's strlen and the word-wide scan beat a byte loop even though they
   // read the name twice.
   const size_t len = std::strlen(s);
   return vexo::ascii_prefix(s, len) == len;
 }
 
-vexo_t_error_code vexo_from_os_unix(const char *senc_string, size_t senc_string_size, char **putf8_string,
-                                    size_t *putf8_string_size, vexo_t_bits options) {
+vexo_t_error_code vexo::vexo_from_os_unix(const char *senc_string, size_t senc_string_size,
+                                          char **putf8_string, size_t *putf8_string_size,
+                                          vexo_t_bits options) {
   if (senc_string == nullptr || putf8_string == nullptr)
     return VEXO_E_PARAMETER_ERROR;
 
@@ -84,8 +85,8 @@ vexo_t_error_code vexo_from_os_unix(const char *senc_string, size_t senc_string_
   return result;
 }
 
-vexo_t_error_code vexo_file_name_from_os_unix_generic(const char *senc_path, char **putf8_path,
-                                                      vexo_t_bits options) {
+vexo_t_error_code vexo::vexo_file_name_from_os_unix_generic(const char *senc_path, char **putf8_path,
+                                                            vexo_t_bits options) {
   if (senc_path == nullptr || putf8_path == nullptr)
     return VEXO_E_PARAMETER_ERROR;
   vexo_t_bits from_os_options = 0;
@@ -94,21 +95,21 @@ vexo_t_error_code vexo_file_name_from_os_unix_generic(const char *senc_path, cha
   if ((options & VEXO_FILE_NAME_OPTION_LATIN1_FALLBACK) != 0)
     from_os_options |= VEXO_FROM_OS_OPTION_LATIN1_FALLBACK;
   // Converting the terminator too leaves the result NUL-terminated.
-  return vexo_from_os_unix(senc_path, std::strlen(senc_path) + 1, putf8_path, nullptr, from_os_options);
+  return vexo::vexo_from_os_unix(senc_path, std::strlen(senc_path) + 1, putf8_path, nullptr, from_os_options);
 }
 
-vexo_t_error_code vexo_file_name_from_os_darwin(const char *senc_path, char **putf8_path,
-                                                vexo_t_bits options) {
+vexo_t_error_code vexo::vexo_file_name_from_os_darwin(const char *senc_path, char **putf8_path,
+                                                      vexo_t_bits options) {
   if (senc_path == nullptr || putf8_path == nullptr)
     return VEXO_E_PARAMETER_ERROR;
 
   // Most names are ASCII, which is UTF-8 and NFC already.
-  if (is_ASCII(senc_path))
+  if (vexo::is_ASCII(senc_path))
     return lend_or_copy(senc_path, putf8_path, options);
 
   vexo_t_error_code result = VEXO_S_NOERR;
   vexo::maybe_owned raw(senc_path);
-  VEXO_CHECK(vexo_file_name_from_os_unix_generic(senc_path, raw.out(), options));
+  VEXO_CHECK(vexo::vexo_file_name_from_os_unix_generic(senc_path, raw.out(), options));
 
   // Text read as Latin-1 is composed already: U+0080..U+00FF are all NFC.
   if (result == kReadAsLatin1 || (options & VEXO_FILE_NAME_OPTION_NO_NFC) != 0) {
@@ -117,7 +118,7 @@ vexo_t_error_code vexo_file_name_from_os_darwin(const char *senc_path, char **pu
   }
 
   char *nfc = nullptr;
-  if (utf8_to_nfc(raw.get(), &nfc, 0) >= 0) {
+  if (vexo::utf8_to_nfc(raw.get(), &nfc, 0) >= 0) {
     *putf8_path = nfc;
     return VEXO_S_NOERR;
   }
@@ -135,7 +136,7 @@ vexo_t_error_code vexo_file_name_for_os_unix(const char *utf8_name, char **pos_n
 }
 
 vexo_t_error_code vexo_file_name_from_os_unix(const char *senc_path, char **putf8_path, vexo_t_bits options) {
-  return vexo_file_name_from_os_darwin(senc_path, putf8_path, options);
+  return vexo::vexo_file_name_from_os_darwin(senc_path, putf8_path, options);
 }
 
 vexo_t_error_code vexo_unix_path_root_len(const char *utf8_path) {

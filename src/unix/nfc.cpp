@@ -20,7 +20,7 @@ constexpr size_t kMaxInput = INT32_MAX / 3;
 
 }  // namespace
 
-vexo_t_error_code utf8_to_nfc(const char *utf8, char **putf8_nfc, vexo_t_bits options) {
+vexo_t_error_code vexo::utf8_to_nfc(const char *utf8, char **putf8_nfc, vexo_t_bits options) {
   (void)options;
   if (utf8 == nullptr || putf8_nfc == nullptr)
     return VEXO_E_PARAMETER_ERROR;

@@ -13,7 +13,7 @@ constexpr size_t kFirstWorkingDirectoryLength = 256;
 constexpr int kWorkingDirectoryAttempts = 9;
 
 vexo_t_error_code delete_directory(const char *os_dir) {
-  const int err = retry_on_eintr([os_dir] { return rmdir(os_dir); });
+  const int err = vexo::retry_on_eintr([os_dir] { return rmdir(os_dir); });
   switch (err) {
     case 0:
       return VEXO_S_NOERR;
@@ -29,7 +29,7 @@ vexo_t_error_code delete_directory(const char *os_dir) {
 }
 
 vexo_t_error_code delete_non_directory(const char *os_file) {
-  const int err = retry_on_eintr([os_file] { return unlink(os_file); });
+  const int err = vexo::retry_on_eintr([os_file] { return unlink(os_file); });
   switch (err) {
     case 0:
       return VEXO_S_NOERR;
@@ -44,12 +44,12 @@ vexo_t_error_code delete_non_directory(const char *os_file) {
 
 }  // namespace
 
-int os_rename(const char *os_oldpath, const char *os_newpath) {
-  return retry_on_eintr([=] { return rename(os_oldpath, os_newpath); });
+int vexo::os_rename(const char *os_oldpath, const char *os_newpath) {
+  return vexo::retry_on_eintr([=] { return rename(os_oldpath, os_newpath); });
 }
 
-int os_mkdir(const char *os_path, mode_t mode) {
-  return retry_on_eintr([=] { return mkdir(os_path, mode); });
+int vexo::os_mkdir(const char *os_path, mode_t mode) {
+  return vexo::retry_on_eintr([=] { return mkdir(os_path, mode); });
 }
 
 extern "C" {
@@ -77,7 +77,7 @@ vexo_t_error_code vexo_unix_rename_file(const char *utf8_oldfile, const char *ut
   VEXO_CHECK(vexo_file_name_for_os_unix(utf8_newfile, os_new.out(), VEXO_FILE_NAME_OPTION_NO_COPY));
 
   // Whatever rename does with an existing target is what the caller gets.
-  const int err = os_rename(os_old.get(), os_new.get());
+  const int err = vexo::os_rename(os_old.get(), os_new.get());
   return err == 0 ? VEXO_S_NOERR : vexo_map_unix_error(err, VEXO_E_FILE_ACCESS);
 }
 
@@ -88,7 +88,7 @@ vexo_t_error_code vexo_unix_create_directory(const char *utf8_dir, vexo_t_bits o
   VEXO_CHECK(vexo_file_name_for_os_unix(utf8_dir, os_dir.out(), VEXO_FILE_NAME_OPTION_NO_COPY));
 
   // The process's file-creation mask narrows this as the user configured.
-  const int err = os_mkdir(os_dir.get(), 0777);
+  const int err = vexo::os_mkdir(os_dir.get(), 0777);
   return err == 0 ? VEXO_S_NOERR : vexo_map_unix_error(err, VEXO_E_OS_ERROR);
 }
 

@@ -119,7 +119,7 @@ vexo_t_error_code build_argv(spawn_state &s, const char *cmd_utf8, const vexo_t_
   }
   for (size_t i = 0; i < nparams; ++i) {
     // A null slot also ends the strings the clean-up frees.
-    char *arg = vexo_unix_alloc_argv_entry_string(params_utf8[i]);
+    char *arg = vexo::vexo_unix_alloc_argv_entry_string(params_utf8[i]);
     s.argv[s.param_offset + i] = arg;
     if (arg == nullptr)
       return VEXO_E_OUT_OF_MEMORY;
@@ -162,12 +162,12 @@ vexo_t_error_code build_argv(spawn_state &s, const char *cmd_utf8, const vexo_t_
 
 }  // namespace
 
-vexo_t_error_code vexo_unix_process_file(int fd, vexo_t_os_file_handle *pparent_fd,
-                                         vexo_t_os_file_handle *pchild_fd, vexo_t_bits options) {
+vexo_t_error_code vexo::vexo_unix_process_file(int fd, vexo_t_os_file_handle *pparent_fd,
+                                               vexo_t_os_file_handle *pchild_fd, vexo_t_bits options) {
   vexo_t_error_code result = VEXO_S_NOERR;
   if ((options & VEXO_PROCESS_FILE_OPTION_NULL) != 0) {
     int child = -1;
-    const int err = retry_on_eintr([&] {
+    const int err = vexo::retry_on_eintr([&] {
       child = open("/dev/null", fd == 0 ? O_RDONLY : O_WRONLY);
       return child;
     });
@@ -188,7 +188,7 @@ vexo_t_error_code vexo_unix_process_file(int fd, vexo_t_os_file_handle *pparent_
     const int child = fd == 0 ? ends[0] : ends[1];
     // Only the parent's end must vanish at the exec; the child's end is
     // moved onto its stream number first.
-    result = vexo_unix_SETFD(parent, FD_CLOEXEC, FD_CLOEXEC);
+    result = vexo::vexo_unix_SETFD(parent, FD_CLOEXEC, FD_CLOEXEC);
     if (result < 0) {
       static_cast<void>(vexo_os_file_handle_close_unix(parent, VEXO_HANDLE_CLOSE_OPTION_IGNORE_ERRORS));
       static_cast<void>(vexo_os_file_handle_close_unix(child, VEXO_HANDLE_CLOSE_OPTION_IGNORE_ERRORS));
@@ -202,7 +202,7 @@ vexo_t_error_code vexo_unix_process_file(int fd, vexo_t_os_file_handle *pparent_
   return result;
 }
 
-char *vexo_unix_alloc_argv_entry_string(const vexo_t_property *entry) {
+char *vexo::vexo_unix_alloc_argv_entry_string(const vexo_t_property *entry) {
   vexo_t_buf buf = VEXO_BUF_EMPTY_INITIALIZER;
   vexo_t_uint8 *bytes = nullptr;
   size_t size = 0;
@@ -246,7 +246,7 @@ extern "C" vexo_t_error_code vexo_unix_process_create(
   VEXO_CHECK(build_argv(s, cmd_utf8, params_utf8, shell));
 
   for (int i = 0; i < kStreams; ++i)
-    VEXO_CHECK(vexo_unix_process_file(i, &s.parent_fd[i], &s.child_fd[i], stream_mode(options, i)));
+    VEXO_CHECK(vexo::vexo_unix_process_file(i, &s.parent_fd[i], &s.child_fd[i], stream_mode(options, i)));
 
   const pid_t pid = fork();
   VEXO_POSIX_CHECK(pid, VEXO_E_OS_ERROR);

@@ -53,12 +53,12 @@ const class_bits &bits_of(vexo_t_unix_access_class access_class) {
 
 }  // namespace
 
-int os_stat(const char *os_path, struct stat *pstat_buf) {
-  return retry_on_eintr([=] { return stat(os_path, pstat_buf); });
+int vexo::os_stat(const char *os_path, struct stat *pstat_buf) {
+  return vexo::retry_on_eintr([=] { return stat(os_path, pstat_buf); });
 }
 
-vexo_t_error_code vexo_unix_access_class(const struct stat *stat_buf,
-                                         vexo_t_unix_access_class *paccess_class) {
+vexo_t_error_code vexo::vexo_unix_access_class(const struct stat *stat_buf,
+                                               vexo_t_unix_access_class *paccess_class) {
   vexo_t_error_code result = VEXO_S_NOERR;
   // The owner is judged by the owner bits alone, even where the group or
   // others are granted more, and root gets no exception.
@@ -99,7 +99,7 @@ extern "C" vexo_t_error_code vexo_stat_unix(const char *utf8_path, vexo_t_stat *
   VEXO_CHECK(vexo_file_name_for_os_unix(utf8_path, os_path.out(), VEXO_FILE_NAME_OPTION_NO_COPY));
 
   struct stat st {};
-  const int err = os_stat(os_path.get(), &st);
+  const int err = vexo::os_stat(os_path.get(), &st);
   if (err != 0)
     return vexo_map_unix_error(err, VEXO_E_FILE_NOT_FOUND);
 
@@ -119,7 +119,7 @@ extern "C" vexo_t_error_code vexo_stat_unix(const char *utf8_path, vexo_t_stat *
   }
   if ((options & VEXO_STAT_OPTION_ACCESS) != 0) {
     vexo_t_unix_access_class access_class = VEXO_UNIX_ACCESS_CLASS_INVALID;
-    VEXO_CHECK(vexo_unix_access_class(&st, &access_class));
+    VEXO_CHECK(vexo::vexo_unix_access_class(&st, &access_class));
     mode |= nibble(st.st_mode, bits_of(access_class), is_dir) << kCallerShift;
   }
 

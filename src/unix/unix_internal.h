@@ -33,6 +33,10 @@
     }                                                  \
   } while (0)
 
+// Every internal function and variable lives in the library's namespace: a
+// static link must not clash with an embedder's own names.
+namespace vexo {
+
 // ---- Text and file names --------------------------------------------------
 
 // Non-zero when every byte before the NUL is below 0x80 (the empty string too).
@@ -75,6 +79,8 @@ int os_stat(const char *os_path, struct stat *pstat_buf);
 int os_rename(const char *os_oldpath, const char *os_newpath);
 int os_mkdir(const char *os_path, mode_t mode);
 
+}  // namespace vexo
+
 // Which permission bits of a file apply to the calling process.
 enum vexo_t_unix_access_class {
   VEXO_UNIX_ACCESS_CLASS_INVALID = 0,
@@ -82,6 +88,8 @@ enum vexo_t_unix_access_class {
   VEXO_UNIX_ACCESS_CLASS_GROUP = 2,
   VEXO_UNIX_ACCESS_CLASS_OTHER = 3
 };
+
+namespace vexo {
 
 // From the effective user id, effective group id and supplementary groups;
 // only st_uid and st_gid are read. The class is written only on success.
@@ -101,6 +109,8 @@ int os_opendir(const char *os_path, DIR **pos_dir);
 int os_readdir(DIR *os_dir, struct dirent **pos_ent);
 int os_closedir(DIR *os_dir);
 
+}  // namespace vexo
+
 struct vexo_t_dirent_ {
   vexo_t_dir *dir;
   char *utf8_name;        // owned when VEXO_DIRENT_FLAG_UTF8_NAME_OWNED, else d_name itself
@@ -116,6 +126,8 @@ struct vexo_t_dir_ {
   size_t os_path_len;
   vexo_t_dirent ent;
 };
+
+namespace vexo {
 
 // ---- Child processes ------------------------------------------------------------
 
@@ -135,12 +147,9 @@ vexo_t_error_code vexo_unix_process_file(int fd, vexo_t_os_file_handle *pparent_
 char *vexo_unix_alloc_argv_entry_string(const vexo_t_property *entry);
 
 // Released children not reaped yet. Null exactly when empty; order carries
-// no meaning. Kept in the library's namespace: variable names are not
-// mangled, and a static link must not clash with an embedder's globals.
-namespace vexo {
+// no meaning.
 extern vexo_t_os_process_handle *zombies;
 extern size_t nzombies;
-}  // namespace vexo
 
 // One sweep: reaps what has ended. VEXO_S_DEALLOCATED when the list has been
 // freed (empty, or `force`: what still runs is forgotten), else VEXO_S_NOERR.
@@ -159,10 +168,8 @@ char ***os_environ_array();
 
 // The initial environment (a compact block) and its size; null and 0 when
 // none is installed. Changed only by init_env and release_env, together.
-namespace vexo {
 extern char **initial_environ_NUL_separated;
 extern size_t initial_environ_NUL_separated_size;
-}  // namespace vexo
 
 // Bytes for a pointer array as long as the null-terminated `env`, plus its null.
 size_t env_length(char **env);
@@ -172,5 +179,7 @@ vexo_t_error_code copy_current_os_environ_raw(char ***envp, size_t *psize, vexo_
 vexo_t_error_code copy_current_os_environ(char ***penv, size_t *psize, vexo_t_bits options);
 vexo_t_error_code init_env();
 void release_env();
+
+}  // namespace vexo
 
 #endif  // VEXO_UNIX_INTERNAL_H

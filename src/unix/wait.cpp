@@ -23,7 +23,7 @@ pid_t wait_once(pid_t process, int *status, int flags, bool interruptible) {
   if (interruptible)
     return waitpid(process, status, flags);
   pid_t pid = -1;
-  static_cast<void>(retry_on_eintr([&] {
+  static_cast<void>(vexo::retry_on_eintr([&] {
     pid = waitpid(process, status, flags);
     return pid;
   }));
@@ -68,7 +68,7 @@ void decode_status(int status, vexo_t_process_exit_status *exit_status) {
 
 }  // namespace
 
-vexo_t_error_code record_zombie(vexo_t_os_process_handle process) {
+vexo_t_error_code vexo::record_zombie(vexo_t_os_process_handle process) {
   // One slot per record: the list stays as small as what it holds.
   void *grown = zombies == nullptr ? vexo_alloc(sizeof *zombies)
                                    : vexo_realloc(zombies, (nzombies + 1) * sizeof *zombies);
@@ -79,7 +79,7 @@ vexo_t_error_code record_zombie(vexo_t_os_process_handle process) {
   return VEXO_S_NOERR;
 }
 
-vexo_t_error_code release_zombies(int force) {
+vexo_t_error_code vexo::release_zombies(int force) {
   // Every wait sweeps; an empty list must not even write its globals, which
   // after a fork would copy their page for nothing.
   if (zombies == nullptr)
@@ -137,7 +137,7 @@ extern "C" vexo_t_error_code vexo_unix_process_wait(vexo_t_os_process_handle pro
   // The sweep comes before any argument check, so even a bad call lets
   // released children go.
   if ((options & VEXO_PROCESS_WAIT_OPTION_NO_SWEEP) == 0)
-    static_cast<void>(release_zombies(0));
+    static_cast<void>(vexo::release_zombies(0));
   if (process <= 0)
     return VEXO_E_PARAMETER_ERROR;
   // Only an unbounded wait or a single poll can be built on waitpid.
@@ -172,7 +172,7 @@ extern "C" vexo_t_error_code vexo_unix_process_release(vexo_t_os_process_handle 
     return rc < 0 ? rc : VEXO_S_NOERR;
   if ((options & VEXO_PROCESS_RELEASE_OPTION_REAP_LATER) == 0)
     return VEXO_E_WOULD_BLOCK;
-  return record_zombie(process);
+  return vexo::record_zombie(process);
 }
 
 extern "C" vexo_t_error_code vexo_unix_process_kill(vexo_t_os_process_handle process, int signo,
