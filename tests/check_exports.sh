@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
 # The shared library exports exactly the vexo_* functions its headers declare;
 # the static library, when given, defines no global name outside the library's
-# own: a vexo_* C function, or a C++ name in namespace vexo (templates
-# instantiated on the library's types included).
+# own: a vexo_* C function, or a C++ name in namespace vexo.
 set -euo pipefail
 lib=$1
 incdir=$2
@@ -30,15 +29,16 @@ esac
 
 if [ -n "$archive" ]; then
   # Strong names: C functions named vexo_*, or C++ names in namespace vexo.
-  # Weak ones are template and inline instances; they may be std:: templates
-  # as long as one of the library's types is in them.
+  # Weak ones are inline and template instances, merged with any equal
+  # definition; only a weak plain global (an unmangled name, or a function of
+  # the global namespace) could stand in for an embedder's own.
   globals=$(nm --defined-only "$archive" | awk 'NF == 3 && $2 ~ /^[A-Z]$/ {print $2, $3}' | sort -u -k2)
-  foreign=$( (echo "$globals" | awk '$1 !~ /^[VW]$/ && $2 !~ /^vexo_/ {print $2}' | c++filt | grep -v '^vexo::'
-    echo "$globals" | awk '$1 ~ /^[VW]$/ {print $2}' | c++filt | grep -v 'vexo::') || true)
+  foreign=$( (echo "$globals" | awk '$1 !~ /^[VW]$/ && $2 !~ /^vexo_/ && $2 !~ /^_Z(TV|TI|TS|GV)?N[KVRO]*4vexo/ {print $2}'
+    echo "$globals" | awk '$1 ~ /^[VW]$/ && $2 !~ /^vexo_/ && ($2 !~ /^_Z/ || $2 ~ /^_Z[0-9]/) {print $2}') | c++filt)
   if [ -n "$foreign" ]; then
     echo "global names in $(basename "$archive") outside the library's own:"; echo "$foreign"; status=1
   else
-    echo "$(echo "$globals" | grep -c .) global names in $(basename "$archive"), all the library's own"
+    echo "$(echo "$globals" | grep -c .) global names in $(basename "$archive"), none that could stand for an embedder's own"
   fi
 fi
 exit $status

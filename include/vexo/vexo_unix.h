@@ -181,6 +181,77 @@ VEXO_API vexo_t_error_code vexo_unix_process_create(const char *cmd_utf8, const 
                                                     vexo_t_os_file_handle *pstdout_parent_fd_rd,
                                                     vexo_t_os_file_handle *pstderr_parent_fd_rd,
                                                     vexo_t_os_process_handle *processp, vexo_t_bits options);
+
+/**
+ * @brief Starts a child like vexo_unix_process_create(), through posix_spawn
+ *        instead of fork: same cost from a large parent, failures to start
+ *        reported, safe from several threads.
+ *
+ * Parameters, option bits and their meaning are those of
+ * vexo_unix_process_create(): the three stream modes and their precedence,
+ * the argument vector (direct and shell starts, "SHELL"), the environment
+ * (inherited, or built and merged from `env_utf8`), the new session and the
+ * working directory. The handle is waited for, signalled and released with
+ * the same calls. The differences:
+ * - the start does not copy the parent's address space, so its cost does not
+ *   grow with the parent's memory;
+ * - a program that is missing or cannot be executed, a missing working
+ *   directory, or any other failure before the program runs is returned
+ *   as vexo_map_unix_error(errno, VEXO_E_OS_ERROR) (e.g.
+ *   VEXO_E_FILE_NOT_FOUND, VEXO_E_FILE_ACCESS); no child is left behind, not
+ *   even one to reap, and no out-parameter is written;
+ * - every descriptor the call makes is close-on-exec from the moment it
+ *   exists, and only the child's set-up puts the child's ends on 0, 1 and 2.
+ *
+ * @param[in]  cmd_utf8   program path (used as it is, no PATH search, relative
+ *                        to `cwd_utf8`) or, with VEXO_PROCESS_CREATE_OPTION_SHELL,
+ *                        the command line given to the shell with "-c".
+ * @param[in]  params_utf8 null, or a null-terminated array of property lists,
+ *                        one per argument; the "string" and "file" entries of a
+ *                        list are concatenated. Any other key:
+ *                        VEXO_E_OUT_OF_MEMORY.
+ * @param[in]  cwd_utf8   the child's working directory; required.
+ * @param[in]  env_utf8   with VEXO_PROCESS_CREATE_OPTION_ENV, the caller's
+ *                        entries (key NUL value NUL, or KEY=VALUE with
+ *                        VEXO_PROCESS_CREATE_OPTION_ENV_COMPACT_FLAG), put
+ *                        over the inherited environment (or over an empty one
+ *                        with VEXO_PROCESS_CREATE_OPTION_ENV_NO_INHERIT).
+ * @param[out] pstdin_parent_fd_wr  null, or receives the write end of the
+ *                        input pipe (-1 when standard input is not a pipe).
+ * @param[out] pstdout_parent_fd_rd null, or receives the read end of the output
+ *                        pipe (-1 when not a pipe).
+ * @param[out] pstderr_parent_fd_rd null, or receives the read end of the error
+ *                        pipe (-1 when not a pipe). The caller owns the ends it
+ *                        receives (close-on-exec) and closes them with
+ *                        vexo_os_file_handle_close_unix(); ends it did not ask
+ *                        for are closed before the call returns.
+ * @param[out] processp   null, or receives the child's handle; with null the
+ *                        child is released at once into the list of children
+ *                        that later waits and releases reap.
+ * @param[in]  options    VEXO_PROCESS_CREATE_OPTION_* bits, one mode per stream.
+ * @return VEXO_S_NOERR once the program runs in the child;
+ *         VEXO_E_PARAMETER_ERROR for a null `cmd_utf8` or `cwd_utf8`, or for
+ *         ENV_NO_INHERIT without entries; VEXO_E_INTERNAL_ERROR for a stream
+ *         without a mode; vexo_map_unix_error(EBADF, VEXO_E_OS_ERROR) when a
+ *         stream to inherit is closed in the caller (checked before anything
+ *         is made); VEXO_E_OUT_OF_MEMORY; the mapped errno of a failed
+ *         pipe, open or start.
+ *
+ * Threads: calls of this function may run at the same time from several
+ * threads, and a child started by one never holds a descriptor made by
+ * another, provided that no thread changes the environment meanwhile (an
+ * inherited or merged environment is read from it) and that `processp` is
+ * given: the list of released children is process-wide and unlocked, so a
+ * start without `processp` must be serialised with waits and releases. Not
+ * with vexo_unix_process_create(), whose child ends are inheritable until
+ * its child has them.
+ */
+VEXO_API vexo_t_error_code vexo_unix_process_spawn(const char *cmd_utf8, const vexo_t_property **params_utf8,
+                                                   const char *cwd_utf8, const char *const *env_utf8,
+                                                   vexo_t_os_file_handle *pstdin_parent_fd_wr,
+                                                   vexo_t_os_file_handle *pstdout_parent_fd_rd,
+                                                   vexo_t_os_file_handle *pstderr_parent_fd_rd,
+                                                   vexo_t_os_process_handle *processp, vexo_t_bits options);
 /* Handles and ids are the same number; not above 0: VEXO_E_PARAMETER_ERROR. */
 VEXO_API vexo_t_error_code vexo_unix_process_id(vexo_t_os_process_handle process, vexo_t_pid *pid);
 VEXO_API vexo_t_error_code vexo_unix_process_from_id(vexo_t_pid pid, vexo_t_os_process_handle *process);

@@ -1,10 +1,17 @@
-// Child processes: everything that can fail is prepared before the fork;
-// between fork and exec the child only moves its three streams into place,
-// changes directory and executes, ending with status 1 at the first failure.
+// Child processes, started two ways from one preparation (environment,
+// program, working directory, argument vector, streams):
+// - vexo_unix_process_create forks: between fork and exec the child only
+//   moves its three streams into place, changes directory and executes,
+//   ending with status 1 at the first failure;
+// - vexo_unix_process_spawn hands the same set-up to posix_spawn as file
+//   actions, so its cost does not grow with the parent's memory, a failed
+//   exec is reported to the caller, and every descriptor it makes is
+//   close-on-exec from the start, which keeps concurrent starts apart.
 #include "unix_internal.h"
 
 #include <cstring>
 #include <fcntl.h>
+#include <spawn.h>
 #include <unistd.h>
 
 namespace {
@@ -128,6 +135,57 @@ vexo_t_error_code build_argv(spawn_state &s, const char *cmd_utf8, const vexo_t_
   return VEXO_S_NOERR;
 }
 
+// An inherited stream must be the caller's own descriptor. When it is
+// closed, a descriptor made for another stream would take its number and
+// be handed to the child in its place; refuse before anything is made,
+// with the answer a dup of the closed descriptor gives.
+vexo_t_error_code check_inherited_streams(vexo_t_bits options) {
+  for (int i = 0; i < kStreams; ++i) {
+    if (stream_mode(options, i) == VEXO_PROCESS_FILE_OPTION_INHERIT && fcntl(i, F_GETFD) == -1)
+      return vexo_map_unix_error(errno, VEXO_E_OS_ERROR);
+  }
+  return VEXO_S_NOERR;
+}
+
+// What both starts prepare the same way: environment, program, working
+// directory and argument vector.
+vexo_t_error_code prepare(spawn_state &s, const char *cmd_utf8, const vexo_t_property **params_utf8,
+                          const char *cwd_utf8, const char *const *env_utf8, vexo_t_bits options) {
+  vexo_t_error_code result = VEXO_S_NOERR;
+  if ((options & VEXO_PROCESS_CREATE_OPTION_ENV) != 0)
+    VEXO_CHECK(build_environment(s, env_utf8, options));
+
+  const bool shell = (options & VEXO_PROCESS_CREATE_OPTION_SHELL) != 0;
+  if (shell) {
+    char *shell_path = vexo_get_system_property_allocate("SHELL", 0);
+    if (shell_path == nullptr)
+      shell_path = vexo_alloc_string("/bin/sh");
+    if (shell_path == nullptr)
+      return VEXO_E_OUT_OF_MEMORY;
+    *s.os_cmd.out() = shell_path;
+  } else {
+    VEXO_CHECK(vexo_file_name_for_os_unix(cmd_utf8, s.os_cmd.out(), VEXO_FILE_NAME_OPTION_NO_COPY));
+  }
+  VEXO_CHECK(vexo_file_name_for_os_unix(cwd_utf8, s.os_cwd.out(), VEXO_FILE_NAME_OPTION_NO_COPY));
+  return build_argv(s, cmd_utf8, params_utf8, shell);
+}
+
+// Gives the caller the parent ends it asked for and the child's handle, or
+// releases the child into the list of children reaped later.
+void hand_out(spawn_state &s, pid_t pid, vexo_t_os_file_handle *const pparent_fd[kStreams],
+              vexo_t_os_process_handle *processp) {
+  for (int i = 0; i < kStreams; ++i) {
+    if (pparent_fd[i] != nullptr) {
+      *pparent_fd[i] = s.parent_fd[i];
+      s.parent_fd[i] = -1;
+    }
+  }
+  if (processp != nullptr)
+    *processp = pid;
+  else
+    static_cast<void>(vexo_unix_process_release(pid, VEXO_PROCESS_RELEASE_OPTION_REAP_LATER));
+}
+
 // Runs in the child: no allocation, no return.
 [[noreturn]] void exec_child(const spawn_state &s, vexo_t_bits options) {
   if ((options & VEXO_PROCESS_CREATE_OPTION_NEW_SESSION) != 0)
@@ -158,6 +216,114 @@ vexo_t_error_code build_argv(spawn_state &s, const char *cmd_utf8, const vexo_t_
   else
     execv(s.os_cmd.get(), s.argv);
   _exit(1);
+}
+
+// One stream for the spawn path: like vexo_unix_process_file, but every
+// descriptor is close-on-exec as it is made, and an inherited stream makes
+// none (the file action copies the caller's own onto itself, which also
+// clears its close-on-exec flag in the child). A child end numbered 0-2
+// (the caller has closed some of its streams) is moved above them, so that
+// no file action overwrites the source of a later one.
+vexo_t_error_code open_stream_cloexec(int fd, int *pparent_fd, int *pchild_fd, vexo_t_bits mode) {
+  vexo_t_error_code result = VEXO_S_NOERR;
+  vexo::unique_fd parent, child;
+  if (mode == VEXO_PROCESS_FILE_OPTION_INHERIT)
+    return VEXO_S_NOERR;
+  if (mode == VEXO_PROCESS_FILE_OPTION_NULL) {
+    int null = -1;
+    const int err = vexo::retry_on_eintr([&] {
+      null = open("/dev/null", (fd == 0 ? O_RDONLY : O_WRONLY) | O_CLOEXEC);
+      return null;
+    });
+    if (err != 0)
+      return vexo_map_unix_error(err, VEXO_E_OS_ERROR);
+    child.reset(null);
+  } else if (mode == VEXO_PROCESS_FILE_OPTION_PIPE) {
+    int ends[2];
+    VEXO_POSIX_CHECK(pipe2(ends, O_CLOEXEC), VEXO_E_OS_ERROR);
+    parent.reset(fd == 0 ? ends[1] : ends[0]);
+    child.reset(fd == 0 ? ends[0] : ends[1]);
+  } else {
+    return VEXO_E_INTERNAL_ERROR;
+  }
+  if (child.get() < kStreams) {
+    const int moved = fcntl(child.get(), F_DUPFD_CLOEXEC, kStreams);
+    VEXO_POSIX_CHECK(moved, VEXO_E_OS_ERROR);
+    child.reset(moved);
+  }
+  *pparent_fd = parent.release();
+  *pchild_fd = child.release();
+  return result;
+}
+
+// posix_spawn's attribute and file-action objects, destroyed on every path.
+struct spawn_plan {
+  posix_spawnattr_t attr;
+  posix_spawn_file_actions_t actions;
+  bool has_attr = false, has_actions = false;
+  spawn_plan() = default;
+  spawn_plan(const spawn_plan &) = delete;
+  spawn_plan &operator=(const spawn_plan &) = delete;
+  ~spawn_plan() {
+    if (has_actions)
+      posix_spawn_file_actions_destroy(&actions);
+    if (has_attr)
+      posix_spawnattr_destroy(&attr);
+  }
+};
+
+// The child as the fork path makes it, set up by the C library: a new
+// session first if asked, the three streams, the working directory, the
+// exec. Any failure on the way comes back as its errno value, with the
+// child already reaped.
+vexo_t_error_code spawn_child(const spawn_state &s, vexo_t_bits options, pid_t *ppid) {
+  spawn_plan plan;
+  int err = posix_spawnattr_init(&plan.attr);
+  plan.has_attr = err == 0;
+  if (err == 0 && (options & VEXO_PROCESS_CREATE_OPTION_NEW_SESSION) != 0)
+    err = posix_spawnattr_setflags(&plan.attr, POSIX_SPAWN_SETSID);
+  if (err == 0) {
+    err = posix_spawn_file_actions_init(&plan.actions);
+    plan.has_actions = err == 0;
+  }
+  for (int i = 0; err == 0 && i < kStreams; ++i)
+    err = posix_spawn_file_actions_adddup2(&plan.actions, s.child_fd[i] == -1 ? i : s.child_fd[i], i);
+  if (err == 0)
+    err = posix_spawn_file_actions_addchdir_np(&plan.actions, s.os_cwd.get());
+  if (err == 0)
+    err = posix_spawn(ppid, s.os_cmd.get(), &plan.actions, &plan.attr, s.argv,
+                      s.env != nullptr ? s.env : environ);
+  return err == 0 ? VEXO_S_NOERR : vexo_map_unix_error(err, VEXO_E_OS_ERROR);
+}
+
+// Both starts: preparation, streams, then the fork or the spawn.
+vexo_t_error_code start_child(const char *cmd_utf8, const vexo_t_property **params_utf8, const char *cwd_utf8,
+                              const char *const *env_utf8, vexo_t_os_file_handle *const pparent_fd[kStreams],
+                              vexo_t_os_process_handle *processp, vexo_t_bits options, bool use_spawn) {
+  vexo_t_error_code result = VEXO_S_NOERR;
+  // Rejected here rather than left to fail in the child, where the caller
+  // of the fork path would only see an exit with status 1.
+  if (cmd_utf8 == nullptr || cwd_utf8 == nullptr)
+    return VEXO_E_PARAMETER_ERROR;
+  VEXO_CHECK(check_inherited_streams(options));
+  spawn_state s(cmd_utf8, cwd_utf8);
+  VEXO_CHECK(prepare(s, cmd_utf8, params_utf8, cwd_utf8, env_utf8, options));
+
+  pid_t pid = -1;
+  if (use_spawn) {
+    for (int i = 0; i < kStreams; ++i)
+      VEXO_CHECK(open_stream_cloexec(i, &s.parent_fd[i], &s.child_fd[i], stream_mode(options, i)));
+    VEXO_CHECK(spawn_child(s, options, &pid));
+  } else {
+    for (int i = 0; i < kStreams; ++i)
+      VEXO_CHECK(vexo::vexo_unix_process_file(i, &s.parent_fd[i], &s.child_fd[i], stream_mode(options, i)));
+    pid = fork();
+    VEXO_POSIX_CHECK(pid, VEXO_E_OS_ERROR);
+    if (pid == 0)
+      exec_child(s, options);
+  }
+  hand_out(s, pid, pparent_fd, processp);
+  return VEXO_S_NOERR;
 }
 
 }  // namespace
@@ -221,49 +387,17 @@ extern "C" vexo_t_error_code vexo_unix_process_create(
     const char *const *env_utf8, vexo_t_os_file_handle *pstdin_parent_fd_wr,
     vexo_t_os_file_handle *pstdout_parent_fd_rd, vexo_t_os_file_handle *pstderr_parent_fd_rd,
     vexo_t_os_process_handle *processp, vexo_t_bits options) {
-  vexo_t_error_code result = VEXO_S_NOERR;
-  // Rejected here rather than left to fail in the child, where the caller
-  // would only see an exit with status 1.
-  if (cmd_utf8 == nullptr || cwd_utf8 == nullptr)
-    return VEXO_E_PARAMETER_ERROR;
-  spawn_state s(cmd_utf8, cwd_utf8);
-
-  if ((options & VEXO_PROCESS_CREATE_OPTION_ENV) != 0)
-    VEXO_CHECK(build_environment(s, env_utf8, options));
-
-  const bool shell = (options & VEXO_PROCESS_CREATE_OPTION_SHELL) != 0;
-  if (shell) {
-    char *shell_path = vexo_get_system_property_allocate("SHELL", 0);
-    if (shell_path == nullptr)
-      shell_path = vexo_alloc_string("/bin/sh");
-    if (shell_path == nullptr)
-      return VEXO_E_OUT_OF_MEMORY;
-    *s.os_cmd.out() = shell_path;
-  } else {
-    VEXO_CHECK(vexo_file_name_for_os_unix(cmd_utf8, s.os_cmd.out(), VEXO_FILE_NAME_OPTION_NO_COPY));
-  }
-  VEXO_CHECK(vexo_file_name_for_os_unix(cwd_utf8, s.os_cwd.out(), VEXO_FILE_NAME_OPTION_NO_COPY));
-  VEXO_CHECK(build_argv(s, cmd_utf8, params_utf8, shell));
-
-  for (int i = 0; i < kStreams; ++i)
-    VEXO_CHECK(vexo::vexo_unix_process_file(i, &s.parent_fd[i], &s.child_fd[i], stream_mode(options, i)));
-
-  const pid_t pid = fork();
-  VEXO_POSIX_CHECK(pid, VEXO_E_OS_ERROR);
-  if (pid == 0)
-    exec_child(s, options);
-
   vexo_t_os_file_handle *const pparent_fd[kStreams] = {pstdin_parent_fd_wr, pstdout_parent_fd_rd,
                                                        pstderr_parent_fd_rd};
-  for (int i = 0; i < kStreams; ++i) {
-    if (pparent_fd[i] != nullptr) {
-      *pparent_fd[i] = s.parent_fd[i];
-      s.parent_fd[i] = -1;
-    }
-  }
-  if (processp != nullptr)
-    *processp = pid;
-  else
-    static_cast<void>(vexo_unix_process_release(pid, VEXO_PROCESS_RELEASE_OPTION_REAP_LATER));
-  return VEXO_S_NOERR;
+  return start_child(cmd_utf8, params_utf8, cwd_utf8, env_utf8, pparent_fd, processp, options, false);
+}
+
+extern "C" vexo_t_error_code vexo_unix_process_spawn(
+    const char *cmd_utf8, const vexo_t_property **params_utf8, const char *cwd_utf8,
+    const char *const *env_utf8, vexo_t_os_file_handle *pstdin_parent_fd_wr,
+    vexo_t_os_file_handle *pstdout_parent_fd_rd, vexo_t_os_file_handle *pstderr_parent_fd_rd,
+    vexo_t_os_process_handle *processp, vexo_t_bits options) {
+  vexo_t_os_file_handle *const pparent_fd[kStreams] = {pstdin_parent_fd_wr, pstdout_parent_fd_rd,
+                                                       pstderr_parent_fd_rd};
+  return start_child(cmd_utf8, params_utf8, cwd_utf8, env_utf8, pparent_fd, processp, options, true);
 }

@@ -13,6 +13,7 @@
 #include <locale.h>
 #include <pwd.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -233,10 +234,20 @@ FAULT_WRAP_POSIX(int, fstat, (int fd, struct stat *buf), (fd, buf))
 FAULT_WRAP_POSIX(int, closedir, (DIR * dir), (dir))
 FAULT_WRAP_POSIX(pid_t, fork, (void), ())
 FAULT_WRAP_POSIX(int, pipe, (int fds[2]), (fds))
+FAULT_WRAP_POSIX(int, pipe2, (int fds[2], int flags), (fds, flags))
 FAULT_WRAP_POSIX(int, dup, (int fd), (fd))
 FAULT_WRAP_POSIX(int, dup2, (int fd, int fd2), (fd, fd2))
 FAULT_WRAP_POSIX(pid_t, waitpid, (pid_t pid, int *status, int options), (pid, status, options))
 FAULT_WRAP_POSIX(int, kill, (pid_t pid, int sig), (pid, sig))
+
+int __real_posix_spawn(pid_t *pid, const char *path, const posix_spawn_file_actions_t *actions,
+                       const posix_spawnattr_t *attr, char *const argv[], char *const envp[]);
+int __wrap_posix_spawn(pid_t *pid, const char *path, const posix_spawn_file_actions_t *actions,
+                       const posix_spawnattr_t *attr, char *const argv[], char *const envp[]) {
+  if (fault::take(fault::call::posix_spawn))
+    return errno;
+  return __real_posix_spawn(pid, path, actions, attr, argv, envp);
+}
 
 // open and fcntl take a third argument only for some requests.
 int __real_open(const char *path, int flags, ...);

@@ -69,10 +69,12 @@ enum class call {
   closedir,
   fork,
   pipe,
+  pipe2,
   dup,
   dup2,
   waitpid,
   kill,
+  posix_spawn,  // fails by returning the error number, as it does
   count_
 };
 
