@@ -433,7 +433,7 @@ std::vector<std::string> command_words(const CLI::App &cmd) {
   if (!words.empty()) {
     const std::string &first = words.front();
     if (first.size() > 1 && first[0] == '-')
-      throw CLI::ValidationError("unknown option " + first);
+      throw CLI::ValidationError("unknown option '" + first + "'");
     return words;
   }
   words = cmd.get_parent()->remaining();
