@@ -7,7 +7,7 @@ packages=(
   cmake ninja-build g++ make pkgconf binutils
   clang-14 libclang-rt-14-dev clang-format
   libicu-dev unicode-data bzip2
-  libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev
 )
 
 missing=()

@@ -1,6 +1,7 @@
 # One smoke test of the vexo tool: runs PROGRAM with ARGS ('|'-separated),
 # given ENV ('|'-separated KEY=VALUE entries) in its environment, checks that
-# it exits with EXPECT (zero or nonzero, a crash is neither), that its output
+# it exits with EXPECT (zero, nonzero or the exact status; a crash is none of
+# them), that its output
 # matches REGEX and, given SCRATCH, that it left nothing in the TMPDIR it was
 # given.
 string(REPLACE "|" ";" args "${ARGS}")
@@ -39,6 +40,9 @@ if(EXPECT STREQUAL "zero" AND NOT rc EQUAL 0)
 endif()
 if(EXPECT STREQUAL "nonzero" AND rc EQUAL 0)
   message(FATAL_ERROR "${shown} exited with 0, expected a failure")
+endif()
+if(EXPECT MATCHES "^[0-9]+$" AND NOT rc EQUAL EXPECT)
+  message(FATAL_ERROR "${shown} exited with ${rc}, expected ${EXPECT}")
 endif()
 # A sanitizer report also ends in a non-zero exit; it must not pass for the expected failure.
 if("${out}${err}" MATCHES "Sanitizer")

@@ -43,15 +43,6 @@ size_t announced_length(unsigned char b) {
   return 0;
 }
 
-char32_t decode(std::string_view seq) {
-  auto byte = [&](size_t i) { return static_cast<char32_t>(static_cast<unsigned char>(seq[i])); };
-  static constexpr char32_t lead_mask[] = {0, 0, 0x1F, 0x0F, 0x07};
-  char32_t cp = byte(0) & lead_mask[seq.size()];
-  for (size_t i = 1; i < seq.size(); ++i)
-    cp = (cp << 6) | (byte(i) & 0x3F);
-  return cp;
-}
-
 }  // namespace
 
 failure::failure(const std::string &what_failed, vexo_t_error_code code)
@@ -67,6 +58,7 @@ std::string describe(vexo_t_error_code code) {
 }
 
 void report_failure(std::string_view context, vexo_t_error_code code) {
+  std::cout.flush();
   std::cerr << "vexo: " << context << ": " << describe(code) << '\n';
 }
 
@@ -115,6 +107,22 @@ bool is_ascii(std::string_view bytes) {
   return true;
 }
 
+size_t utf8_length(std::string_view bytes) {
+  if (bytes.empty())
+    return 0;
+  const size_t n = announced_length(static_cast<unsigned char>(bytes[0]));
+  return n != 0 && n <= bytes.size() && is_legal_utf8(bytes.substr(0, n)) ? n : 0;
+}
+
+char32_t decode_utf8(std::string_view seq) {
+  auto byte = [&](size_t i) { return static_cast<char32_t>(static_cast<unsigned char>(seq[i])); };
+  static constexpr char32_t lead_mask[] = {0, 0, 0x1F, 0x0F, 0x07};
+  char32_t cp = byte(0) & lead_mask[seq.size()];
+  for (size_t i = 1; i < seq.size(); ++i)
+    cp = (cp << 6) | (byte(i) & 0x3F);
+  return cp;
+}
+
 bool is_legal_utf8(std::string_view bytes) {
   return vexo_is_legal_utf8_string(bytes.data(), bytes.size(), 0) >= 0;
 }
@@ -134,38 +142,53 @@ bool charset_is_utf8(std::string_view charset) {
   return letters == "utf8";
 }
 
-std::string printable(std::string_view bytes) {
-  std::string text = "\"";
+namespace {
+
+void append_escaped(std::string &text, std::string_view bytes, bool quoted) {
   size_t i = 0;
   while (i < bytes.size()) {
     const auto b = static_cast<unsigned char>(bytes[i]);
     if (b < 0x80) {
       if (b < 0x20 || b == 0x7F)
         text += escaped_byte(b);
-      else if (b == '"' || b == '\\')
+      else if (quoted && (b == '"' || b == '\\'))
         text += std::string("\\") + static_cast<char>(b);
       else
         text += static_cast<char>(b);
       ++i;
       continue;
     }
-    const size_t n = announced_length(b);
-    if (n == 0 || i + n > bytes.size() || !is_legal_utf8(bytes.substr(i, n))) {
+    const size_t n = utf8_length(bytes.substr(i));
+    if (n == 0) {
       text += escaped_byte(b);
       ++i;
       continue;
     }
     const std::string_view seq = bytes.substr(i, n);
-    if (g_terminal_utf8) {
+    const char32_t cp = decode_utf8(seq);
+    if (g_terminal_utf8 && !must_escape(cp)) {
       text += seq;
     } else {
       char code[16];
-      std::snprintf(code, sizeof code, "\\u{%04x}", static_cast<unsigned>(decode(seq)));
+      std::snprintf(code, sizeof code, "\\u{%04x}", static_cast<unsigned>(cp));
       text += code;
     }
     i += n;
   }
+}
+
+}  // namespace
+
+std::string printable(std::string_view bytes) {
+  std::string text = "\"";
+  append_escaped(text, bytes, true);
   return text + "\"";
+}
+
+std::string escaped(std::string_view bytes) {
+  std::string text;
+  append_escaped(text, bytes, false);
+  return text;
 }
 
 int print_library_string(std::string_view name, vexo_t_error_code (*fn)(char **, vexo_t_bits)) {

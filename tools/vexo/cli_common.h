@@ -5,6 +5,8 @@
 
 #include <vexo/vexo_unix.h>
 
+#include <nlohmann/json_fwd.hpp>
+
 #include <array>
 #include <memory>
 #include <stdexcept>
@@ -14,7 +16,8 @@
 
 namespace CLI {
 class App;
-}
+class FormatterBase;
+}  // namespace CLI
 
 namespace vexo_cli {
 
@@ -55,16 +58,57 @@ std::string parse_hex(std::string_view text, const std::string &option);
 
 bool is_ascii(std::string_view bytes);
 bool is_legal_utf8(std::string_view bytes);
+// Length of the legal UTF-8 sequence that `bytes` starts with; 0 when it
+// does not start with one.
+size_t utf8_length(std::string_view bytes);
+// The code point of one legal UTF-8 sequence.
+char32_t decode_utf8(std::string_view seq);
 
 // Whether the terminal takes UTF-8; decided once from the locale by main.
 void set_terminal_utf8(bool utf8);
 bool terminal_is_utf8();
 bool charset_is_utf8(std::string_view charset);
 
-// `bytes` in double quotes for the terminal: controls, quotes and bytes that
-// are not UTF-8 escaped (\xNN); other characters as they are when the
-// terminal takes UTF-8, else as \u{XXXX}.
+// `bytes` in double quotes for the terminal: C0 controls, DEL, quotes and
+// bytes that are not UTF-8 escaped (\xNN); C1 controls and the
+// bidirectional overrides and isolates as \u{XXXX}; other characters as
+// they are when the terminal takes UTF-8, else as \u{XXXX}.
 std::string printable(std::string_view bytes);
+// As printable(), without the quotes: for messages that quote themselves.
+std::string escaped(std::string_view bytes);
+// Whether printable() would escape anything in `bytes` but quotes.
+bool needs_escape(std::string_view bytes);
+// Controls (C0, DEL, C1) and the bidirectional overrides and isolates.
+bool must_escape(char32_t cp);
+
+// ---- Output (cli_output.cpp) ----------------------------------------------
+
+// Puts standard output behind a buffer that remembers a failed write, and
+// ignores SIGPIPE so that a closed pipe is such a write; main calls it
+// before anything is written.
+void install_output();
+// While it lives, SIGPIPE has the disposition the tool was started with, so
+// that a child started meanwhile inherits that rather than the tool's own.
+class inherited_sigpipe {
+ public:
+  inherited_sigpipe();
+  ~inherited_sigpipe();
+  inherited_sigpipe(const inherited_sigpipe &) = delete;
+  inherited_sigpipe &operator=(const inherited_sigpipe &) = delete;
+};
+// Flushes standard output; a write that failed is reported and turns a
+// successful `status` into 1.
+int finish_output(int status);
+// Whether standard output is a terminal, decided once at start.
+bool stdout_is_terminal();
+// `bytes` as they are, or printable() when standard output is a terminal
+// and they hold something a terminal would act on.
+std::string shown(std::string_view bytes);
+// One JSON document on standard output (ASCII only on a terminal; bytes
+// that are not UTF-8 become U+FFFD).
+void print_json(const nlohmann::ordered_json &doc);
+// Help text wrapped to 80 columns.
+std::shared_ptr<CLI::FormatterBase> help_formatter();
 
 // ---- File status, shared by `stat` and the tour (cmd_stat.cpp) ----------
 

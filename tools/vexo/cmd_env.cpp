@@ -3,6 +3,7 @@
 #include "cli_common.h"
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <cstring>
 #include <iostream>
@@ -35,46 +36,61 @@ namespace {
 struct env_options {
   bool initial = false;
   bool current = false;
-  std::string key;
+  bool json = false;
+  bool null = false;
+  std::vector<std::string> keys;
 };
 
-// The bytes as the library hands them out, one entry a line, so that the
-// output reads like env(1)'s.
-void print_entries(char **env) {
-  for (char **entry = env; *entry != nullptr; ++entry)
-    std::cout << *entry << '=' << entry_value(*entry) << '\n';
-}
-
-int run_list(bool current) {
+int run_list(const env_options &opts) {
   char **env = nullptr;
   const vexo_t_error_code rc = vexo_unix_get_environ(
-      &env, nullptr, current ? VEXO_GET_ENVIRON_OPTION_CURRENT : VEXO_GET_ENVIRON_OPTION_INITIAL);
+      &env, nullptr, opts.current ? VEXO_GET_ENVIRON_OPTION_CURRENT : VEXO_GET_ENVIRON_OPTION_INITIAL);
   if (rc < 0) {
-    report_failure(current ? "vexo_unix_get_environ CURRENT" : "vexo_unix_get_environ INITIAL", rc);
+    report_failure(opts.current ? "vexo_unix_get_environ CURRENT" : "vexo_unix_get_environ INITIAL", rc);
     return 1;
   }
   // The initial environment is only lent.
-  environ_copy owner(current ? env : nullptr);
+  environ_copy owner(opts.current ? env : nullptr);
   if (env == nullptr) {
     std::cerr << "vexo: there is no initial environment: it could not be copied at start-up (--current "
                  "reads the live one)\n";
     return 1;
   }
-  print_entries(env);
+  nlohmann::ordered_json doc = nlohmann::ordered_json::object();
+  for (char **entry = env; *entry != nullptr; ++entry) {
+    if (opts.json)
+      doc[*entry] = entry_value(*entry);
+    else
+      std::cout << shown(std::string(*entry) + '=' + entry_value(*entry)) << (opts.null ? '\0' : '\n');
+  }
+  if (opts.json)
+    print_json(doc);
   return 0;
 }
 
-int run_lookup(const std::string &key, bool current) {
-  std::string value;
-  const vexo_t_error_code rc =
-      getenv_value(key, current ? VEXO_GETENV_OPTION_CURRENT : VEXO_GETENV_OPTION_INITIAL, value);
-  if (rc < 0) {
-    report_failure(printable(key) + (current ? " in the live environment" : " in the initial environment"),
-                   rc);
-    return 1;
+// Like printenv: a missing variable only makes the exit status 1.
+int run_lookup(const env_options &opts) {
+  const vexo_t_bits options = opts.current ? VEXO_GETENV_OPTION_CURRENT : VEXO_GETENV_OPTION_INITIAL;
+  nlohmann::ordered_json doc = nlohmann::ordered_json::object();
+  int status = 0;
+  for (const std::string &key : opts.keys) {
+    std::string value;
+    const vexo_t_error_code rc = getenv_value(key, options, value);
+    if (rc < 0) {
+      if (rc != VEXO_E_NOT_FOUND)
+        report_failure(
+            printable(key) + (opts.current ? " in the live environment" : " in the initial environment"), rc);
+      doc[key] = nullptr;
+      status = 1;
+    } else if (opts.json) {
+      doc[key] = value;
+    } else {
+      std::cout << shown(value) << (opts.null ? '\0' : '\n');
+    }
   }
-  std::cout << value << '\n';
-  return 0;
+  if (opts.json)
+    print_json(doc);
+  return status;
 }
 
 }  // namespace
@@ -83,8 +99,8 @@ void add_env_command(CLI::App &app, int &status) {
   auto opts = std::make_shared<env_options>();
   CLI::App *cmd = app.add_subcommand(
       "env",
-      "Print the environment as the library holds it, one KEY=VALUE per line, or the value of KEY alone "
-      "(vexo_unix_get_environ, vexo_unix_getenv).");
+      "Print the environment as the library holds it, one KEY=VALUE per line, or the value of each KEY, one "
+      "per line; exit status 1 when a KEY is not set (vexo_unix_get_environ, vexo_unix_getenv).");
   CLI::Option *initial = cmd->add_flag(
       "--initial", opts->initial,
       "The snapshot taken at start-up, every entry made UTF-8 (VEXO_GET_ENVIRON_OPTION_INITIAL, "
@@ -93,10 +109,16 @@ void add_env_command(CLI::App &app, int &status) {
                 "The live environment: a new copy made UTF-8 (VEXO_GET_ENVIRON_OPTION_CURRENT), or KEY's "
                 "bytes as they are (VEXO_GETENV_OPTION_CURRENT)")
       ->excludes(initial);
-  CLI::Option *key = cmd->add_option("KEY", opts->key, "Print only the value of this variable");
-  cmd->callback([opts, key, &status] {
-    status = key->count() > 0 ? run_lookup(opts->key, opts->current) : run_list(opts->current);
-  });
+  auto *json = cmd->add_flag("--json", opts->json,
+                             "One JSON object of KEY: VALUE, in the environment's order (null for a KEY "
+                             "that is not set)");
+  cmd->add_flag("-0,--null", opts->null, "End each line with a NUL byte, not a newline")->excludes(json);
+  cmd->add_option("KEY", opts->keys, "Print only the values of these variables")
+      ->check([](const std::string &key) {
+        return key.find('=') != std::string::npos ? "'" + key + "' holds '=', which no KEY can"
+                                                  : std::string();
+      });
+  cmd->callback([opts, &status] { status = opts->keys.empty() ? run_list(*opts) : run_lookup(*opts); });
 }
 
 }  // namespace vexo_cli

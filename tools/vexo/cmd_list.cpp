@@ -3,6 +3,7 @@
 #include "cli_common.h"
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <iomanip>
@@ -76,38 +77,86 @@ const char *device_type_name(vexo_t_device_type type) {
 
 namespace {
 
-// Quotes only the names that would not read back as they are.
-bool prints_bare(const std::string &name) {
-  for (char c : name)
-    if (static_cast<unsigned char>(c) <= 0x20 || static_cast<unsigned char>(c) >= 0x7F || c == '"' ||
-        c == '\\')
-      return false;
-  return true;
+// On a terminal, a name is quoted when it would not read back as it is or
+// holds something the terminal would act on.
+std::string name_text(const std::string &name) {
+  if (!stdout_is_terminal())
+    return name;
+  const bool bare = !needs_escape(name) && name.find_first_of(" \"\\'") == std::string::npos;
+  return bare ? name : printable(name);
 }
 
 struct ls_options {
-  std::string path;
+  std::vector<std::string> paths;
   bool dirs = false;
   bool files = false;
+  bool json = false;
+  bool null = false;
 };
 
-int run_ls(const ls_options &opts) {
+nlohmann::ordered_json error_json(vexo_t_error_code rc) {
+  return {{"code", code_name(rc)}, {"message", vexo_error_message(rc)}};
+}
+
+// Reads one directory; false, said on standard error and in the JSON
+// document, when it cannot be read.
+bool read_listing(const std::string &path, vexo_t_bits options, listing &l, nlohmann::ordered_json &doc) {
+  try {
+    l = list_directory(path, options);
+  } catch (const failure &e) {
+    report_failure(e.what(), e.code());
+    doc.push_back({{"directory", path}, {"error", error_json(e.code())}});
+    return false;
+  }
+  for (const vexo_t_error_code rc : l.unnamed)
+    report_failure("ls " + printable(path) + ": an entry's name cannot be converted", rc);
+  return true;
+}
+
+nlohmann::ordered_json listing_json(const std::string &path, const listing &l) {
+  nlohmann::ordered_json result = {{"directory", path}, {"entries", l.names}};
+  if (!l.unnamed.empty()) {
+    result["unconverted"] = nlohmann::ordered_json::array();
+    for (const vexo_t_error_code rc : l.unnamed)
+      result["unconverted"].push_back(error_json(rc));
+  }
+  return result;
+}
+
+int run_ls(ls_options opts) {
   vexo_t_bits options = 0;
   if (opts.dirs)
     options |= VEXO_DIR_OPTION_DIRECTORIES_ONLY;
   if (opts.files)
     options |= VEXO_DIR_OPTION_NON_DIRECTORIES_ONLY;
-  const listing l = list_directory(opts.path, options);
-  for (const std::string &name : l.names)
-    std::cout << (prints_bare(name) ? name : printable(name)) << '\n';
-  for (const vexo_t_error_code rc : l.unnamed)
-    std::cout << unnamed_text(rc) << '\n';
-  if (!l.unnamed.empty()) {
-    std::cout.flush();
-    std::cerr << "vexo: " << l.unnamed.size() << (l.unnamed.size() == 1 ? " entry has" : " entries have")
-              << " a name that is not legal UTF-8; the listing gives no name for it, only the code\n";
+  if (opts.paths.empty())
+    opts.paths.emplace_back(".");
+  const bool headed = opts.paths.size() > 1 && !opts.json;
+  const char end = opts.null ? '\0' : '\n';
+  nlohmann::ordered_json doc = nlohmann::ordered_json::array();
+  int status = 0;
+  bool first = true;
+  for (const std::string &path : opts.paths) {
+    listing l;
+    if (!read_listing(path, options, l, doc)) {
+      status = 1;
+      continue;
+    }
+    if (!l.unnamed.empty())
+      status = 1;
+    if (opts.json) {
+      doc.push_back(listing_json(path, l));
+      continue;
+    }
+    if (headed)
+      std::cout << (first || opts.null ? "" : "\n") << name_text(path) << ':' << end;
+    first = false;
+    for (const std::string &name : l.names)
+      std::cout << name_text(name) << end;
   }
-  return 0;
+  if (opts.json)
+    print_json(doc);
+  return status;
 }
 
 int run_fd() {
@@ -123,10 +172,19 @@ int run_fd() {
 void add_list_commands(CLI::App &app, int &status) {
   auto ls = std::make_shared<ls_options>();
   CLI::App *ls_cmd = app.add_subcommand(
-      "ls", "Lists a directory through the listing API, names in UTF-8 NFC, sorted by their bytes.");
-  ls_cmd->add_option("DIR", ls->path, "The directory to list")->required();
+      "ls",
+      "List each DIR (default: the working directory) through the listing API, names in UTF-8 NFC, sorted "
+      "by their bytes, one a line; several DIRs are headed by their names. Names are written as they are, "
+      "and quoted only on a terminal. An entry whose name cannot be converted is reported on standard "
+      "error and makes the exit status 1.");
+  ls_cmd->add_option("DIR", ls->paths, "The directories to list");
   auto *dirs = ls_cmd->add_flag("--dirs", ls->dirs, "Only entries that are directories (links followed)");
   ls_cmd->add_flag("--files", ls->files, "Only entries that are not directories")->excludes(dirs);
+  auto *json =
+      ls_cmd->add_flag("--json", ls->json,
+                       "One JSON array: per DIR an object with \"directory\", and \"entries\" or \"error\"");
+  ls_cmd->add_flag("-0,--null", ls->null, "End each name (and heading) with a NUL byte, not a newline")
+      ->excludes(json);
   ls_cmd->callback([ls, &status] { status = run_ls(*ls); });
 
   CLI::App *fd_cmd =

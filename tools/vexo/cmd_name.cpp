@@ -2,6 +2,7 @@
 #include "cli_common.h"
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <iomanip>
 #include <iostream>
@@ -15,6 +16,7 @@ struct name_options {
   bool hex = false;
   bool no_nfc = false;
   bool no_latin1 = false;
+  bool json = false;
   std::vector<std::string> names;
 };
 
@@ -65,41 +67,76 @@ std::string nfc_effect(const std::string &input, const std::string &result, vexo
   return input == result ? "left the name as it was" : "changed the name";
 }
 
+// What the conversions make of one name.
+struct conversion {
+  std::string name;
+  vexo_t_error_code rc = VEXO_S_NOERR;  // of vexo_file_name_from_os_unix
+  std::string utf8;                     // on success
+  std::string os_again;                 // utf8 converted back to an OS name
+};
+
+conversion convert(const std::string &name, vexo_t_bits options) {
+  conversion c;
+  c.name = name;
+  char *converted = nullptr;
+  c.rc = vexo_file_name_from_os_unix(name.c_str(), &converted, options);
+  if (c.rc < 0)
+    return c;
+  vexo_string utf8(converted);
+  c.utf8 = utf8.get();
+  char *os_name = nullptr;
+  const vexo_t_error_code back = vexo_file_name_for_os_unix(c.utf8.c_str(), &os_name, 0);
+  if (back < 0)
+    throw failure("converting " + to_hex(c.utf8) + " back to an OS name", back);
+  vexo_string os(os_name);
+  c.os_again = os.get();
+  return c;
+}
+
 // Shows one name; false when the conversion failed.
-bool show_name(const std::string &name, vexo_t_bits options) {
+bool show_name(const conversion &c, vexo_t_bits options) {
+  const std::string &name = c.name;
   std::cout << printable(name) << '\n';
   line("OS name", bytes_and_text(name));
   line("ASCII", is_ascii(name) ? "yes" : "no");
   line("legal UTF-8", is_legal_utf8(name) ? "yes" : "no");
   line("already NFC", already_nfc(name));
-
-  char *converted = nullptr;
-  const vexo_t_error_code rc = vexo_file_name_from_os_unix(name.c_str(), &converted, options);
-  if (rc < 0) {
-    line("to UTF-8", "failed with " + describe(rc));
+  if (c.rc < 0) {
+    line("to UTF-8", "failed with " + describe(c.rc));
     std::cout << '\n';
-    report_failure("name " + to_hex(name), rc);
+    report_failure("name " + to_hex(name), c.rc);
     return false;
   }
-  vexo_string utf8(converted);
-  const std::string result = utf8.get();
   line("to UTF-8",
-       "status " + std::to_string(rc) + (rc == 1 ? " (rescued: read as Latin-1)" : " (plain success)"));
-  line("UTF-8 name", bytes_and_text(result));
-  line("NFC", nfc_effect(name, result, rc, options));
-  line("Latin-1 rescue", rc == 1 ? "yes, every byte of 0x80 or above taken as one character" : "no");
-
-  char *os_name = nullptr;
-  const vexo_t_error_code back = vexo_file_name_for_os_unix(result.c_str(), &os_name, 0);
-  if (back < 0)
-    throw failure("converting " + to_hex(result) + " back to an OS name", back);
-  vexo_string os(os_name);
-  std::string remark = os.get() == result ? "the UTF-8 bytes unchanged" : "CHANGED";
-  if (os.get() != name)
+       "status " + std::to_string(c.rc) + (c.rc == 1 ? " (rescued: read as Latin-1)" : " (plain success)"));
+  line("UTF-8 name", bytes_and_text(c.utf8));
+  line("NFC", nfc_effect(name, c.utf8, c.rc, options));
+  line("Latin-1 rescue", c.rc == 1 ? "yes, every byte of 0x80 or above taken as one character" : "no");
+  std::string remark = c.os_again == c.utf8 ? "the UTF-8 bytes unchanged" : "CHANGED";
+  if (c.os_again != name)
     remark += "; not the original OS name";
-  line("back to OS", to_hex(os.get()) + "  (" + remark + ")");
+  line("back to OS", to_hex(c.os_again) + "  (" + remark + ")");
   std::cout << '\n';
   return true;
+}
+
+nlohmann::ordered_json name_json(const conversion &c, vexo_t_bits options) {
+  nlohmann::ordered_json result = {{"os_name_hex", to_hex(c.name)},
+                                   {"ascii", is_ascii(c.name)},
+                                   {"legal_utf8", is_legal_utf8(c.name)},
+                                   {"already_nfc", already_nfc(c.name)}};
+  if (c.rc < 0) {
+    report_failure("name " + to_hex(c.name), c.rc);
+    result["error"] = {{"code", code_name(c.rc)}, {"message", vexo_error_message(c.rc)}};
+    return result;
+  }
+  result["status"] = c.rc;
+  result["utf8"] = c.utf8;
+  result["utf8_hex"] = to_hex(c.utf8);
+  result["nfc"] = nfc_effect(c.name, c.utf8, c.rc, options);
+  result["latin1_rescue"] = c.rc == 1;
+  result["back_to_os_hex"] = to_hex(c.os_again);
+  return result;
 }
 
 int run_name(const name_options &opts) {
@@ -116,12 +153,23 @@ int run_name(const name_options &opts) {
     options |= VEXO_FILE_NAME_OPTION_LATIN1_FALLBACK;
   if (opts.no_nfc)
     options |= VEXO_FILE_NAME_OPTION_NO_NFC;
-  std::cout << "vexo_file_name_from_os_unix options: " << option_names(options) << "\n\n";
+  nlohmann::ordered_json doc = {{"options", option_names(options)},
+                                {"names", nlohmann::ordered_json::array()}};
+  if (!opts.json)
+    std::cout << "vexo_file_name_from_os_unix options: " << option_names(options) << "\n\n";
 
   int status = 0;
-  for (const std::string &name : names)
-    if (!show_name(name, options))
+  for (const std::string &name : names) {
+    const conversion c = convert(name, options);
+    if (c.rc < 0)
       status = 1;
+    if (opts.json)
+      doc["names"].push_back(name_json(c, options));
+    else
+      show_name(c, options);
+  }
+  if (opts.json)
+    print_json(doc);
   return status;
 }
 
@@ -135,6 +183,8 @@ void add_name_command(CLI::App &app, int &status) {
   cmd->add_flag("--no-nfc", opts->no_nfc, "Do not normalise to NFC (VEXO_FILE_NAME_OPTION_NO_NFC)");
   cmd->add_flag("--no-latin1", opts->no_latin1,
                 "Fail on names that are not UTF-8 instead of reading them as Latin-1");
+  cmd->add_flag("--json", opts->json,
+                "One JSON object: the options, and per NAME what each step made of it (bytes in hex)");
   cmd->add_option("NAME", opts->names, "OS file names")->required();
   cmd->callback([opts, &status] { status = run_name(*opts); });
 }

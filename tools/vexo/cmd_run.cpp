@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -101,9 +102,7 @@ void note_signal(int sig) {
 }
 
 // While the child runs, signals that would end the tool are held so that it
-// can still reap the child and report; they are passed on to the child. A
-// closed pipe shows up as EPIPE instead of killing the tool. Installed only
-// after the start: the child must not inherit an ignored SIGPIPE.
+// can still reap the child and report; they are passed on to the child.
 class relayed_signals {
  public:
   relayed_signals() {
@@ -114,15 +113,10 @@ class relayed_signals {
     for (size_t i = 0; i < std::size(kSignals); ++i)
       if (sigaction(kSignals[i], nullptr, &saved_[i]) == 0 && saved_[i].sa_handler != SIG_IGN)
         sigaction(kSignals[i], &sa, nullptr);
-    struct sigaction ignore = {};
-    ignore.sa_handler = SIG_IGN;
-    sigemptyset(&ignore.sa_mask);
-    sigaction(SIGPIPE, &ignore, &saved_pipe_);
   }
   ~relayed_signals() {
     for (size_t i = 0; i < std::size(kSignals); ++i)
       sigaction(kSignals[i], &saved_[i], nullptr);
-    sigaction(SIGPIPE, &saved_pipe_, nullptr);
   }
   relayed_signals(const relayed_signals &) = delete;
   relayed_signals &operator=(const relayed_signals &) = delete;
@@ -130,7 +124,6 @@ class relayed_signals {
  private:
   static constexpr int kSignals[] = {SIGINT, SIGQUIT, SIGTERM, SIGHUP};
   struct sigaction saved_[std::size(kSignals)] = {};
-  struct sigaction saved_pipe_ = {};
 };
 
 // ---- The child and its pipe ends ----------------------------------------------
@@ -335,24 +328,56 @@ int exit_code(const vexo_t_process_exit_status &status) {
   return 1;
 }
 
-int run_program(const run_options &opts) {
-  std::string cwd = opts.cwd;
-  if (cwd.empty()) {
-    char *dir = nullptr;
-    const vexo_t_error_code rc = vexo_get_working_directory_unix(&dir, 0);
-    if (rc < 0) {
-      report_failure("vexo_get_working_directory_unix", rc);
-      std::cerr << "vexo: --cwd names the directory to start in\n";
-      return 1;
+// The library's start of a child; every start goes through the one chosen
+// here.
+using start_function = decltype(&vexo_unix_process_create);
+
+start_function choose_start(const run_options &) {
+  return vexo_unix_process_create;
+}
+
+constexpr const char *kStreamWords[] = {"standard input", "standard output", "standard error"};
+constexpr const char *kStreamOptions[] = {"--stdin", "--stdout", "--stderr"};
+
+// A stream to hand on that is closed cannot be inherited; checked before
+// anything is opened, which could take its number.
+bool streams_to_inherit_are_open(const run_options &opts) {
+  for (int stream = 0; stream < 3; ++stream)
+    if (opts.modes[stream] == "inherit" && ::fcntl(stream, F_GETFD) == -1 && errno == EBADF) {
+      std::cerr << "vexo: " << kStreamWords[stream] << " is closed; use " << kStreamOptions[stream]
+                << " null\n";
+      return false;
     }
-    vexo_string owner(dir);
-    cwd = dir;
+  return true;
+}
+
+// One entry per key, in the order the keys first came, each with the last
+// value given.
+std::vector<std::string> merged_entries(const std::vector<std::string> &entries) {
+  std::vector<std::string> merged;
+  for (const std::string &entry : entries) {
+    const std::string_view key(entry.data(), entry.find('='));
+    auto same_key = [&](const std::string &e) { return std::string_view(e.data(), e.find('=')) == key; };
+    if (auto it = std::find_if(merged.begin(), merged.end(), same_key); it != merged.end())
+      *it = entry;
+    else
+      merged.push_back(entry);
   }
+  return merged;
+}
+
+int run_program(const run_options &opts) {
+  if (!streams_to_inherit_are_open(opts))
+    return 1;
+  // By its relative name, the working directory need not have a name: it
+  // may have been removed, be too long for PATH_MAX, or not be UTF-8.
+  const std::string cwd = opts.cwd.empty() ? "." : opts.cwd;
 
   const std::string &program = opts.command.front();
   argument_lists params(std::vector<std::string>(opts.command.begin() + 1, opts.command.end()));
+  const std::vector<std::string> entries = merged_entries(opts.env);
   std::vector<const char *> env;
-  for (const std::string &entry : opts.env)
+  for (const std::string &entry : entries)
     env.push_back(entry.c_str());
   env.push_back(nullptr);
 
@@ -372,11 +397,17 @@ int run_program(const run_options &opts) {
   std::cout.flush();
   child c(opts.new_session);
   pipe_end to_child, from_out, from_err;
-  const vexo_t_error_code rc =
-      vexo_unix_process_create(program.c_str(), params.get(), cwd.c_str(), env.data(), to_child.out(),
-                               from_out.out(), from_err.out(), c.out(), options);
+  vexo_t_error_code rc;
+  {
+    const inherited_sigpipe as_inherited;
+    rc = choose_start(opts)(program.c_str(), params.get(), cwd.c_str(), env.data(), to_child.out(),
+                            from_out.out(), from_err.out(), c.out(), options);
+  }
   if (rc < 0) {
     report_failure("vexo_unix_process_create " + printable(program), rc);
+    if (rc == vexo_map_unix_error(EBADF, VEXO_E_OS_ERROR))
+      std::cerr << "vexo: a standard stream to inherit is closed; --stdin, --stdout or --stderr null "
+                   "gives the child the null device instead\n";
     if (rc == VEXO_E_PARAMETER_ERROR && opts.clean_env && opts.env.empty())
       std::cerr << "vexo: an empty environment cannot be built; --clean-env needs at least one --env\n";
     return 1;
@@ -394,33 +425,55 @@ int run_program(const run_options &opts) {
   return exit_code(status);
 }
 
+// PROGRAM and its arguments: where the command's own options end (CLI11
+// leaves the rest to the command), or everything after `--` (which CLI11
+// hands to the top level).
+std::vector<std::string> command_words(const CLI::App &cmd) {
+  std::vector<std::string> words = cmd.remaining();
+  if (!words.empty()) {
+    const std::string &first = words.front();
+    if (first.size() > 1 && first[0] == '-')
+      throw CLI::ValidationError("unknown option '" + first + "'");
+    return words;
+  }
+  words = cmd.get_parent()->remaining();
+  if (words.empty())
+    throw CLI::ValidationError("PROGRAM is required");
+  return words;
+}
+
 }  // namespace
 
 void add_run_command(CLI::App &app, int &status) {
   auto opts = std::make_shared<run_options>();
-  CLI::App *cmd =
-      app.add_subcommand("run",
-                         "Start PROGRAM with vexo_unix_process_create, relay the streams given to it as "
-                         "pipes, wait for it and say "
-                         "how it ended. Exits with its status, or 128 + the signal that ended it.");
+  CLI::App *cmd = app.add_subcommand(
+      "run",
+      "Start PROGRAM with vexo_unix_process_create, relay the streams given to it as pipes, wait for it "
+      "and say how it ended. Exits with its status, or 128 + the signal that ended it. Options end at "
+      "PROGRAM: everything after it is PROGRAM's.");
   cmd->add_flag("--shell", opts->shell,
                 "PROGRAM is a command line for $SHELL -c (else /bin/sh); ARGS follow it as $0, $1 ...");
   cmd->add_option("--cwd", opts->cwd, "Directory the child starts in (default: the working directory)");
-  cmd->add_option("--env", opts->env, "K=V over the inherited environment; may be repeated")
-      ->allow_extra_args(false);
+  cmd->add_option("--env", opts->env,
+                  "K=V over the inherited environment; may be repeated, the last V of a K wins")
+      ->allow_extra_args(false)
+      ->check([](const std::string &entry) {
+        return entry.find('=') == std::string::npos || entry[0] == '=' ? "'" + entry + "' is not KEY=VALUE"
+                                                                       : std::string();
+      });
   cmd->add_flag(
       "--clean-env", opts->clean_env,
       "Only the --env entries, over an empty environment (VEXO_PROCESS_CREATE_OPTION_ENV_NO_INHERIT)");
-  static constexpr const char *kStreamNames[] = {"--stdin", "--stdout", "--stderr"};
   for (int stream = 0; stream < 3; ++stream)
-    cmd->add_option(kStreamNames[stream], opts->modes[stream],
+    cmd->add_option(kStreamOptions[stream], opts->modes[stream],
                     "inherit (default), null (/dev/null) or pipe (relayed by the tool)")
         ->check(CLI::IsMember({"inherit", "null", "pipe"}));
   cmd->add_flag("--new-session", opts->new_session, "The child calls setsid first");
-  cmd->add_option("PROGRAM", opts->command,
-                  "After --: the program's path (used as it is, no PATH search) and its arguments")
-      ->required();
-  cmd->callback([opts, &status] { status = run_program(*opts); });
+  cmd->prefix_command();
+  cmd->callback([opts, cmd, &status] {
+    opts->command = command_words(*cmd);
+    status = run_program(*opts);
+  });
 }
 
 }  // namespace vexo_cli

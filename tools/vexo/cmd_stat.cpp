@@ -3,6 +3,7 @@
 #include "cli_common.h"
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <ctime>
 #include <iomanip>
@@ -39,43 +40,107 @@ void line(const char *label, const std::string &text) {
   std::cout << "  " << std::left << std::setw(15) << label << text << '\n';
 }
 
-bool show_stat(const std::string &path) {
-  vexo_t_stat info = {};
-  const vexo_t_error_code rc = vexo_stat_unix(path.c_str(), &info, kStatAllFields);
-  if (rc < 0) {
-    // Keeps the report beside the paths before it when both streams go to one file.
-    std::cout.flush();
-    report_failure("stat " + printable(path), rc);
-    return false;
+// One class nibble as ls shows it: search on a directory is its x.
+std::string ls_letters(vexo_t_bits nibble) {
+  std::string text = permission_letters(nibble);
+  if (text[2] == 's')
+    text[2] = 'x';
+  return text;
+}
+
+// Owner, group and others as ls shows them, then the octal value: "rwxr-xr-x 0755".
+std::string ls_permissions(vexo_t_bits mode, std::string &octal) {
+  std::string letters;
+  unsigned value = 0;
+  for (int shift = 0; shift < 12; shift += 4) {
+    const std::string three = ls_letters((mode >> shift) & 0xFu);
+    letters += three;
+    value =
+        value * 8 + (three[0] == 'r' ? 4u : 0u) + (three[1] == 'w' ? 2u : 0u) + (three[2] == 'x' ? 1u : 0u);
   }
+  char text[8];
+  std::snprintf(text, sizeof text, "0%03o", value);
+  octal = text;
+  return letters;
+}
+
+nlohmann::ordered_json id_json(vexo_t_error_code rc, char *name, unsigned id) {
+  nlohmann::ordered_json result = {{"id", id}};
+  if (rc < 0) {
+    result["name"] = nullptr;
+    return result;
+  }
+  vexo_string owner(name);
+  result["name"] = name;
+  return result;
+}
+
+nlohmann::ordered_json stat_json(const std::string &path, const vexo_t_stat &info) {
+  std::string octal;
+  const std::string letters = ls_permissions(info.mode, octal);
+  char *user = nullptr;
+  const vexo_t_error_code urc = vexo_user_id_name_unix(info.owner, &user, 0);
+  char *group = nullptr;
+  const vexo_t_error_code grc = vexo_group_id_name_unix(info.group, &group, 0);
+  return {{"path", path},
+          {"directory", (info.type & VEXO_STAT_TYPE_DIRECTORY) != 0},
+          {"permissions", letters},
+          {"octal", octal},
+          {"mode", info.mode},
+          {"your_access", ls_letters((info.mode >> 15) & 0xFu)},
+          {"accessed", info.access_time},
+          {"modified", info.modify_time},
+          {"changed", info.create_time},
+          {"size", info.size},
+          {"owner", id_json(urc, user, info.owner)},
+          {"group", id_json(grc, group, info.group)}};
+}
+
+void show_stat(const std::string &path, const vexo_t_stat &info) {
   const bool dir = (info.type & VEXO_STAT_TYPE_DIRECTORY) != 0;
+  std::string octal;
+  const std::string letters = ls_permissions(info.mode, octal);
   std::cout << printable(path) << '\n';
   line("type", dir ? "directory" : "not a directory");
-  line("permissions", permissions_text(info.mode) + "  (" + hex_bits(info.mode & 0xFFFu) + ")");
-  line("your access", caller_access_text(info.mode) + "  (" + hex_bits(info.mode & ~0xFFFu) + ")");
+  line("permissions", letters + " " + octal + "  (vexo " + hex_bits(info.mode & 0xFFFu) + ")");
+  line("your access",
+       ls_letters((info.mode >> 15) & 0xFu) + "  (vexo " + hex_bits(info.mode & ~0xFFFu) + ")");
   line("accessed", local_time_text(info.access_time));
   line("modified", local_time_text(info.modify_time));
   line("changed", local_time_text(info.create_time) + "  (status change)");
   line("size", std::to_string(info.size) + (info.size == 1 ? " byte" : " bytes"));
   line("owner", user_text(info.owner));
   line("group", group_text(info.group));
-  return true;
 }
 
 struct stat_options {
   std::vector<std::string> paths;
+  bool json = false;
 };
 
 int run_stat(const stat_options &opts) {
+  nlohmann::ordered_json doc = nlohmann::ordered_json::array();
   bool first = true;
   int status = 0;
   for (const std::string &path : opts.paths) {
-    if (!first)
-      std::cout << '\n';
-    first = false;
-    if (!show_stat(path))
+    vexo_t_stat info = {};
+    const vexo_t_error_code rc = vexo_stat_unix(path.c_str(), &info, kStatAllFields);
+    if (rc < 0) {
+      report_failure("stat " + printable(path), rc);
+      doc.push_back(
+          {{"path", path}, {"error", {{"code", code_name(rc)}, {"message", vexo_error_message(rc)}}}});
       status = 1;
+    } else if (opts.json) {
+      doc.push_back(stat_json(path, info));
+    } else {
+      if (!first)
+        std::cout << '\n';
+      first = false;
+      show_stat(path, info);
+    }
   }
+  if (opts.json)
+    print_json(doc);
   return status;
 }
 
@@ -167,9 +232,11 @@ void add_stat_commands(CLI::App &app, int &status) {
   auto sopts = std::make_shared<stat_options>();
   CLI::App *stat = app.add_subcommand(
       "stat",
-      "Show vexo_stat_unix of each PATH: type, permissions (s = search, for directories), your own access, "
-      "times, size, owner and group.");
+      "Show vexo_stat_unix of each PATH: type, permissions as ls shows them with their octal value and "
+      "the library's own bits, your own access, times, size, owner and group.");
   stat->add_option("PATH", sopts->paths, "Paths (UTF-8)")->required();
+  stat->add_flag("--json", sopts->json,
+                 "One JSON array, an object per PATH (times in seconds since 1970, or \"error\")");
   stat->callback([sopts, &status] { status = run_stat(*sopts); });
 
   auto aopts = std::make_shared<access_options>();
