@@ -1,9 +1,10 @@
 // Child processes beside the system calls underneath: starting /bin/true
-// with three pipes and reaping it through vexo_unix_process_create and
-// vexo_unix_process_wait, beside the same work done with fork/execv/waitpid
-// and with posix_spawn, first from a small parent and then from one that
-// holds 1 GiB of touched memory; and one sweep of 1,000 released children
-// that have ended, beside 1,000 waitpid(WNOHANG) calls.
+// with three pipes and reaping it through vexo_unix_process_create (fork) or
+// vexo_unix_process_spawn (posix_spawn) and vexo_unix_process_wait, beside
+// the same work done with fork/execv/waitpid and with posix_spawn, first from
+// a small parent and then from one that holds 1 GiB of touched memory; four
+// threads spawning at once; and one sweep of 1,000 released children that
+// have ended, beside 1,000 waitpid(WNOHANG) calls.
 #include "ratio.h"
 
 #include <vexo/vexo_unix.h>
@@ -17,6 +18,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -24,6 +26,7 @@
 #include <cstring>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 extern char **environ;
@@ -79,18 +82,21 @@ class fault_counter {
   long start_;
 };
 
+using start_fn = decltype(&vexo_unix_process_create);
+
+template <start_fn Start>
 void BM_vexo_start(benchmark::State &state) {
   const fault_counter faults(state);
   const vexo_t_property *params[] = {nullptr};
   for (auto _ : state) {
     vexo_t_os_file_handle in = -1, out = -1, err = -1;
     vexo_t_os_process_handle child = 0;
-    const vexo_t_error_code rc = vexo_unix_process_create(
-        kProgram, params, g_cwd, nullptr, &in, &out, &err, &child,
-        VEXO_PROCESS_CREATE_OPTION_STDIN_PIPE | VEXO_PROCESS_CREATE_OPTION_STDOUT_PIPE |
-            VEXO_PROCESS_CREATE_OPTION_STDERR_PIPE);
+    const vexo_t_error_code rc =
+        Start(kProgram, params, g_cwd, nullptr, &in, &out, &err, &child,
+              VEXO_PROCESS_CREATE_OPTION_STDIN_PIPE | VEXO_PROCESS_CREATE_OPTION_STDOUT_PIPE |
+                  VEXO_PROCESS_CREATE_OPTION_STDERR_PIPE);
     if (rc < 0) {
-      state.SkipWithError("vexo_unix_process_create failed");
+      state.SkipWithError("the start failed");
       break;
     }
     ::close(in);
@@ -162,31 +168,78 @@ void BM_fork_start(benchmark::State &state) {
   }
 }
 
+// One start and reap through posix_spawn; false when either failed.
+bool posix_spawn_once() {
+  char *argv[] = {const_cast<char *>(kProgram), nullptr};
+  int ends[3][2];
+  if (!open_pipes(ends))
+    return false;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  for (int i = 0; i < 3; ++i) {
+    posix_spawn_file_actions_adddup2(&actions, ends[i][1], i);
+    posix_spawn_file_actions_addclose(&actions, ends[i][1]);
+  }
+  posix_spawn_file_actions_addchdir_np(&actions, g_cwd);
+  pid_t pid = 0;
+  const int rc = ::posix_spawn(&pid, kProgram, &actions, nullptr, argv, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close_pipes(ends);
+  return rc == 0 && reaped_clean(pid);
+}
+
 void BM_posix_spawn_start(benchmark::State &state) {
   const fault_counter faults(state);
-  char *argv[] = {const_cast<char *>(kProgram), nullptr};
   for (auto _ : state) {
-    int ends[3][2];
-    if (!open_pipes(ends)) {
-      state.SkipWithError("pipe failed");
-      break;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    for (int i = 0; i < 3; ++i) {
-      posix_spawn_file_actions_adddup2(&actions, ends[i][1], i);
-      posix_spawn_file_actions_addclose(&actions, ends[i][1]);
-    }
-    posix_spawn_file_actions_addchdir_np(&actions, g_cwd);
-    pid_t pid = 0;
-    const int rc = ::posix_spawn(&pid, kProgram, &actions, nullptr, argv, environ);
-    posix_spawn_file_actions_destroy(&actions);
-    close_pipes(ends);
-    if (rc != 0 || !reaped_clean(pid)) {
+    if (!posix_spawn_once()) {
       state.SkipWithError("posix_spawn failed or the child did not exit with 0");
       break;
     }
   }
+}
+
+// One start and reap through vexo_unix_process_spawn, without touching the
+// list of released children, so that threads may run it at once.
+bool vexo_spawn_once() {
+  vexo_t_os_file_handle in = -1, out = -1, err = -1;
+  vexo_t_os_process_handle child = 0;
+  if (vexo_unix_process_spawn(kProgram, nullptr, g_cwd, nullptr, &in, &out, &err, &child,
+                              VEXO_PROCESS_CREATE_OPTION_STDIN_PIPE | VEXO_PROCESS_CREATE_OPTION_STDOUT_PIPE |
+                                  VEXO_PROCESS_CREATE_OPTION_STDERR_PIPE) < 0)
+    return false;
+  ::close(in);
+  ::close(out);
+  ::close(err);
+  vexo_t_process_exit_status status = {};
+  return vexo_unix_process_wait(child, nullptr, &status,
+                                VEXO_PROCESS_WAIT_OPTION_EXIT | VEXO_PROCESS_WAIT_OPTION_NO_SWEEP) ==
+             VEXO_S_NOERR &&
+         status.value == 0;
+}
+
+// Four threads, each starting and reaping kThreadStarts children; one
+// iteration is all of them.
+constexpr int kThreads = 4;
+constexpr int kThreadStarts = 25;
+template <bool (*Once)()>
+void BM_four_threads(benchmark::State &state) {
+  for (auto _ : state) {
+    std::atomic<bool> ok{true};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&] {
+        for (int i = 0; i < kThreadStarts; ++i)
+          ok = Once() && ok;
+      });
+    }
+    for (std::thread &t : threads)
+      t.join();
+    if (!ok) {
+      state.SkipWithError("a start failed");
+      break;
+    }
+  }
+  state.SetItemsProcessed(state.iterations() * kThreads * kThreadStarts);
 }
 
 // ---- A parent holding 1 GiB --------------------------------------------------
@@ -379,7 +432,7 @@ void print_wall_table(const wall_reporter &rep, const char *title, const std::ve
 
 void print_growth(const wall_reporter &rep) {
   std::printf("\nelapsed time per start, small parent -> parent holding 1 GiB of touched memory\n");
-  for (const char *name : {"BM_vexo_start", "BM_fork_start", "BM_posix_spawn_start"}) {
+  for (const char *name : {"BM_vexo_start", "BM_vexo_spawn", "BM_fork_start", "BM_posix_spawn_start"}) {
     const double small = rep.wall_ns(std::string(name) + "/small");
     const double big = rep.wall_ns(std::string(name) + "/1GiB");
     if (small < 0 || big < 0)
@@ -396,10 +449,20 @@ void register_benchmarks() {
         ->Unit(benchmark::kMicrosecond)
         ->Repetitions(kRepetitions);
   };
-  start("BM_vexo_start/small", BM_vexo_start);
+  start("BM_vexo_start/small", BM_vexo_start<vexo_unix_process_create>);
+  start("BM_vexo_spawn/small", BM_vexo_start<vexo_unix_process_spawn>);
   start("BM_fork_start/small", BM_fork_start);
   start("BM_posix_spawn_start/small", BM_posix_spawn_start);
-  start("BM_vexo_start/1GiB", BM_with_ballast<BM_vexo_start>);
+  for (const char *name : {"BM_vexo_threads/4", "BM_posix_spawn_threads/4"}) {
+    benchmark::RegisterBenchmark(
+        name, name[3] == 'v' ? BM_four_threads<vexo_spawn_once> : BM_four_threads<posix_spawn_once>)
+        ->UseRealTime()
+        ->MinTime(kStartSeconds)
+        ->Unit(benchmark::kMillisecond)
+        ->Repetitions(kRepetitions);
+  }
+  start("BM_vexo_start/1GiB", BM_with_ballast<BM_vexo_start<vexo_unix_process_create>>);
+  start("BM_vexo_spawn/1GiB", BM_with_ballast<BM_vexo_start<vexo_unix_process_spawn>>);
   start("BM_fork_start/1GiB", BM_with_ballast<BM_fork_start>);
   start("BM_posix_spawn_start/1GiB", BM_with_ballast<BM_posix_spawn_start>);
   const auto sweep = [](const char *name, void (*fn)(benchmark::State &)) {
@@ -434,9 +497,26 @@ int main(int argc, char **argv) {
       {"start, posix_spawn", "BM_vexo_start/small", "BM_posix_spawn_start/small", {}},
       {"1 GiB parent, fork", "BM_vexo_start/1GiB", "BM_fork_start/1GiB", {}},
       {"1 GiB parent, posix_spawn", "BM_vexo_start/1GiB", "BM_posix_spawn_start/1GiB", {}},
+      {"spawn path, posix_spawn",
+       "BM_vexo_spawn/small",
+       "BM_posix_spawn_start/small",
+       {bench::goal_kind::ratio_at_most, 1.10}},
+      {"1 GiB, spawn, posix_spawn",
+       "BM_vexo_spawn/1GiB",
+       "BM_posix_spawn_start/1GiB",
+       {bench::goal_kind::ratio_at_most, 1.10}},
+      {"spawn path, fork path", "BM_vexo_spawn/small", "BM_vexo_start/small", {}},
+      {"1 GiB, spawn, fork path", "BM_vexo_spawn/1GiB", "BM_vexo_start/1GiB", {}},
+      {"4 threads, posix_spawn", "BM_vexo_threads/4", "BM_posix_spawn_threads/4", {}},
   };
   print_wall_table(rep, "start and reap a child with three pipes", starts);
   print_growth(rep);
+  for (const char *name : {"BM_vexo_threads/4", "BM_posix_spawn_threads/4"}) {
+    const double ns = rep.wall_ns(name);
+    if (ns > 0)
+      std::printf("%-28s %10.0f starts per second (%d threads)\n", name, kThreads * kThreadStarts * 1e9 / ns,
+                  kThreads);
+  }
   std::printf(
       "The faults column above counts the parent's page faults per start: after a fork each page the parent "
       "writes faults once, however little it writes.\n");

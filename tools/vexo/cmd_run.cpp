@@ -83,6 +83,7 @@ struct run_options {
   bool clean_env = false;
   std::string modes[3] = {"inherit", "inherit", "inherit"};
   bool new_session = false;
+  bool fork = false;                 // the fork path instead of posix_spawn
   std::vector<std::string> command;  // PROGRAM, then its arguments
 };
 
@@ -332,8 +333,8 @@ int exit_code(const vexo_t_process_exit_status &status) {
 // here.
 using start_function = decltype(&vexo_unix_process_create);
 
-start_function choose_start(const run_options &) {
-  return vexo_unix_process_create;
+start_function choose_start(const run_options &opts) {
+  return opts.fork ? vexo_unix_process_create : vexo_unix_process_spawn;
 }
 
 constexpr const char *kStreamWords[] = {"standard input", "standard output", "standard error"};
@@ -404,13 +405,15 @@ int run_program(const run_options &opts) {
                             from_out.out(), from_err.out(), c.out(), options);
   }
   if (rc < 0) {
-    report_failure("vexo_unix_process_create " + printable(program), rc);
+    report_failure("cannot run " + printable(program), rc);
     if (rc == vexo_map_unix_error(EBADF, VEXO_E_OS_ERROR))
       std::cerr << "vexo: a standard stream to inherit is closed; --stdin, --stdout or --stderr null "
                    "gives the child the null device instead\n";
     if (rc == VEXO_E_PARAMETER_ERROR && opts.clean_env && opts.env.empty())
       std::cerr << "vexo: an empty environment cannot be built; --clean-env needs at least one --env\n";
-    return 1;
+    // As the shells do: 127 when the program is not there, 126 when it is
+    // but could not be run.
+    return rc == VEXO_E_FILE_NOT_FOUND ? 127 : 126;
   }
   const vexo_t_os_process_handle pid = c.handle();
   relayed_signals held;
@@ -448,8 +451,9 @@ void add_run_command(CLI::App &app, int &status) {
   auto opts = std::make_shared<run_options>();
   CLI::App *cmd = app.add_subcommand(
       "run",
-      "Start PROGRAM with vexo_unix_process_create, relay the streams given to it as pipes, wait for it "
-      "and say how it ended. Exits with its status, or 128 + the signal that ended it. Options end at "
+      "Start PROGRAM with vexo_unix_process_spawn (--fork: vexo_unix_process_create), relay the streams "
+      "given to it as pipes, wait for it and say how it ended. Exits with its status, or 128 + the signal "
+      "that ended it; 127 when PROGRAM was not found, 126 when it could not be started. Options end at "
       "PROGRAM: everything after it is PROGRAM's.");
   cmd->add_flag("--shell", opts->shell,
                 "PROGRAM is a command line for $SHELL -c (else /bin/sh); ARGS follow it as $0, $1 ...");
@@ -469,6 +473,9 @@ void add_run_command(CLI::App &app, int &status) {
                     "inherit (default), null (/dev/null) or pipe (relayed by the tool)")
         ->check(CLI::IsMember({"inherit", "null", "pipe"}));
   cmd->add_flag("--new-session", opts->new_session, "The child calls setsid first");
+  cmd->add_flag("--fork", opts->fork,
+                "Start through fork and exec (vexo_unix_process_create): a failure to start then shows as an "
+                "exit with status 1");
   cmd->prefix_command();
   cmd->callback([opts, cmd, &status] {
     opts->command = command_words(*cmd);

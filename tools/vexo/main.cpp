@@ -105,7 +105,8 @@ int main(int argc, char **argv) {
   app.require_subcommand(1, 1);
   app.footer(
       "Exit status: 0 on success, 1 on failure, 2 for a usage error; `run` exits with the program's "
-      "status, or 128 + the signal that ended it.");
+      "status, or 128 + the signal that ended it, 127 when the program was not found and 126 when it could "
+      "not be started.");
   int status = 0;
   vexo_cli::add_name_command(app, status);
   vexo_cli::add_charset_command(app, status);
