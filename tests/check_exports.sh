@@ -2,10 +2,10 @@
 # The shared library exports exactly the vexo_* functions its headers declare.
 set -euo pipefail
 lib=$1
-incdir=$2
+shift  # then the directories of the public headers
 
 exported=$(nm -D --defined-only "$lib" | awk '$2 ~ /^[TDBRVW]$/ {print $3}' | sed 's/@.*//' | sort -u)
-declared=$(grep -hv "^[[:space:]]*#" "$incdir"/*.h | tr '\n' ' ' | grep -oE 'VEXO_API[^;(]*\(' | sed -E 's/.*[^A-Za-z0-9_]([A-Za-z0-9_]+)[[:space:]]*\($/\1/' | sort -u)
+declared=$(for d in "$@"; do cat "$d"/*.h; done | grep -v "^[[:space:]]*#" | tr '\n' ' ' | grep -oE 'VEXO_API[^;(]*\(' | sed -E 's/.*[^A-Za-z0-9_]([A-Za-z0-9_]+)[[:space:]]*\($/\1/' | sort -u)
 
 status=0
 stray=$(comm -23 <(echo "$exported") <(echo "$declared"))

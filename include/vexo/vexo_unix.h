@@ -9,6 +9,7 @@
 #include "vexo_file.h"
 #include "vexo_process.h"
 #include "vexo_types.h"
+#include <vexo/vexo_version.h> /* generated into the build tree */
 
 VEXO_BEGIN_DECLS
 

@@ -7,6 +7,7 @@
 #include <clocale>
 #include <exception>
 #include <iostream>
+#include <string>
 
 namespace {
 
@@ -69,6 +70,8 @@ int main(int argc, char **argv) {
       "Shows how vexo converts file names and text between this system and UTF-8, and what it says about "
       "files, directories, paths, handles, child processes and the environment.",
       "vexo"};
+  app.set_version_flag("--version", std::string("vexo ") + vexo_version(),
+                       "Print the library's version and exit");
   app.require_subcommand(1, 1);
   app.failure_message([](const CLI::App *, const CLI::Error &e) {
     return std::string("vexo: ") + e.what() + "\nRun with --help for more information.\n";
