@@ -8,6 +8,7 @@ packages=(
   clang-14 libclang-rt-14-dev clang-format
   libicu-dev unicode-data bzip2
   libgtest-dev libgmock-dev libbenchmark-dev libcli11-dev nlohmann-json3-dev
+  doxygen help2man dpkg-dev
 )
 
 missing=()

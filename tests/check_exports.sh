@@ -1,14 +1,19 @@
 #!/usr/bin/env bash
+# check_exports.sh [--archive LIBVEXO_A] LIBVEXO_SO HEADER_DIR...
 # The shared library exports exactly the vexo_* functions its headers declare;
 # the static library, when given, defines no global name outside the library's
 # own: a vexo_* C function, or a C++ name in namespace vexo.
 set -euo pipefail
+archive=
+if [ "$1" = --archive ]; then
+  archive=$2
+  shift 2
+fi
 lib=$1
-incdir=$2
-archive=${3:-}
+shift  # then the directories of the public headers
 
 exported=$(nm -D --defined-only "$lib" | awk '$2 ~ /^[TDBRVW]$/ {print $3}' | sed 's/@.*//' | sort -u)
-declared=$(grep -hv "^[[:space:]]*#" "$incdir"/*.h | tr '\n' ' ' | grep -oE 'VEXO_API[^;(]*\(' | sed -E 's/.*[^A-Za-z0-9_]([A-Za-z0-9_]+)[[:space:]]*\($/\1/' | sort -u)
+declared=$(for d in "$@"; do cat "$d"/*.h; done | grep -v "^[[:space:]]*#" | tr '\n' ' ' | grep -oE 'VEXO_API[^;(]*\(' | sed -E 's/.*[^A-Za-z0-9_]([A-Za-z0-9_]+)[[:space:]]*\($/\1/' | sort -u)
 
 status=0
 stray=$(comm -23 <(echo "$exported") <(echo "$declared"))

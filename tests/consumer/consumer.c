@@ -24,6 +24,7 @@ int main(void) {
   expect(name != NULL && strcmp(name, "\xc3\xa9") == 0, "conversion is not NFC");
   vexo_free(name);
 
+  expect(strcmp(vexo_version(), VEXO_VERSION_STRING) == 0, "library and headers differ in version");
   expect(vexo_map_unix_error(0, VEXO_S_NOERR) < 0, "mapping of 0 is not a failure");
   expect(vexo_is_legal_utf8_string("\xed\xa0\x80", 3, 0) < 0, "a surrogate passed as UTF-8");
   expect(vexo_unix_path_root_len("/tmp") == 1, "root length");

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <exception>
 #include <iostream>
+#include <string>
 
 namespace {
 
@@ -102,6 +103,8 @@ int main(int argc, char **argv) {
       "files, directories, paths, handles, child processes and the environment.",
       "vexo"};
   app.formatter(vexo_cli::help_formatter());
+  app.set_version_flag("--version", std::string("vexo ") + vexo_version(),
+                       "Print the library's version and exit");
   app.require_subcommand(1, 1);
   app.footer(
       "Exit status: 0 on success, 1 on failure, 2 for a usage error; `run` exits with the program's "
