@@ -499,7 +499,14 @@ VEXO_API void vexo_close_directory_unix(vexo_t_dir *dir);
  *         environment changed while it was copied; otherwise
  *         vexo_map_unix_error() with the fallback #VEXO_E_OS_ERROR of the
  *         failing pipe, open, dup or fork (#VEXO_E_TOO_MANY_OPEN_FILES,
- *         #VEXO_E_WOULD_BLOCK when no process can be made, ...). */
+ *         #VEXO_E_WOULD_BLOCK when no process can be made, ...); in
+ *         particular vexo_map_unix_error(EBADF, VEXO_E_OS_ERROR) when the
+ *         caller's own descriptor for a stream to inherit is closed, found
+ *         before anything is made: a descriptor made for another stream
+ *         would otherwise take its number and reach the child in its place.
+ *
+ * vexo_unix_process_spawn() starts the same child through posix_spawn.
+ */
 VEXO_API vexo_t_error_code vexo_unix_process_create(const char *cmd_utf8, const vexo_t_property **params_utf8,
                                                     const char *cwd_utf8, const char *const *env_utf8,
                                                     vexo_t_os_file_handle *pstdin_parent_fd_wr,
