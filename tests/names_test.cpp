@@ -8,6 +8,8 @@
 #include <langinfo.h>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -172,6 +174,42 @@ TEST(PathRootAndAscii, OneSlashIsTheRootHighBytesAreNotAscii) {
     EXPECT_NE(vexo::is_ASCII(ascii), 0) << ascii;
   for (const char *high : {"abc\x80", "\xFF"})
     EXPECT_EQ(vexo::is_ASCII(high), 0) << high;
+}
+
+// The NUL at every distance from every start offset in the aligned 64 bytes, with a
+// high byte at every place before it or none. Bytes before the start alternate
+// between NUL and 0xFF, bytes after the NUL are 0xFF: a scan that looks at
+// either gets a wrong answer. The aligned-block scans behind is_ASCII are run
+// from every block of the 64 too, so each vector width is judged here.
+TEST(PathRootAndAscii, EveryOffsetNulAndHighByte) {
+  alignas(64) static char buf[64 * 6];
+  using scan = int (*)(const char *);
+  std::vector<std::pair<scan, size_t>> scans = {{vexo::is_ASCII, 1}};
+#if defined(__SSE2__)
+  scans.emplace_back(vexo::ascii_through_nul_sse2, 16);
+  if (__builtin_cpu_supports("avx2"))
+    scans.emplace_back(vexo::ascii_through_nul_avx2, 16);
+#endif
+  long wrong = 0;
+  for (size_t k = 0; k < scans.size(); ++k) {
+    for (size_t off = 0; off < 64; off += scans[k].second) {
+      char *s = buf + 64 + off;
+      for (size_t len = 0; len <= 160; ++len) {
+        for (size_t i = 0; i < sizeof buf; ++i)
+          buf[i] = buf + i < s ? static_cast<char>(i % 2 == 0 ? 0 : 0xFF) : '\xFF';
+        std::memset(s, 'a', len);
+        s[len] = 0;
+        for (size_t high = 0; high <= len; ++high) {
+          s[high] = high < len ? '\x80' : 0;
+          if (scans[k].first(s) != (high == len ? 1 : 0) && wrong++ == 0)
+            ADD_FAILURE() << "scan " << k << ", offset " << off << ", NUL at " << len << ", high byte at "
+                          << high;
+          s[high] = high < len ? 'a' : 0;
+        }
+      }
+    }
+  }
+  EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

@@ -6,13 +6,42 @@
 #include <vexo/vexo_core.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <memory>
 #include <unistd.h>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace vexo {
 
 // Length of the leading run of bytes below 0x80, scanned a word at a time.
 size_t ascii_prefix(const void *s, size_t size) noexcept;
+
+#if defined(__SSE2__)
+
+// The scans for a NUL-terminated string's end read whole aligned blocks, as
+// any vector strlen does: past the NUL, but never out of the aligned 64
+// bytes that hold it, so never onto a page the string does not touch. The
+// address sanitizer would see those bytes as outside the string; the
+// answers never depend on them.
+#define VEXO_WHOLE_BLOCKS __attribute__((no_sanitize_address))
+
+// One bit for each byte of the aligned 16 at `block` that ends an ASCII
+// scan: the NUL, or one of 0x80 and above (at or below 0 as signed bytes).
+VEXO_WHOLE_BLOCKS inline unsigned ascii_stops(const char *block) noexcept {
+  const __m128i bytes = _mm_load_si128(reinterpret_cast<const __m128i *>(block));
+  return static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpgt_epi8(bytes, _mm_setzero_si128()))) ^ 0xFFFFu;
+}
+
+// From the aligned 16-byte block `block` on: non-zero when the first byte
+// that is NUL or 0x80 and above is the NUL. The widest vectors the processor
+// has are used; both kinds are callable so that each can be tested.
+int ascii_through_nul(const char *block) noexcept;
+int ascii_through_nul_sse2(const char *block) noexcept;
+int ascii_through_nul_avx2(const char *block) noexcept;  // only where the processor has AVX2
+
+#endif
 
 struct free_deleter {
   void operator()(void *p) const noexcept { vexo_free(p); }

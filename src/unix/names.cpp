@@ -3,6 +3,7 @@
 // it need work: they may not be UTF-8 at all, and may not be NFC.
 #include "unix_internal.h"
 
+#include <cstdint>
 #include <cstring>
 
 namespace {
@@ -23,7 +24,46 @@ vexo_t_error_code lend_or_copy(const char *s, char **pout, vexo_t_bits options) 
   return VEXO_S_NOERR;
 }
 
+// The names that need work, out of line so that the ASCII path, taken by
+// nearly every listed name, stays free of their stack frame.
+[[gnu::noinline]] vexo_t_error_code from_os_non_ascii(const char *senc_path, char **putf8_path,
+                                                      vexo_t_bits options) {
+  vexo_t_error_code result = VEXO_S_NOERR;
+  vexo::maybe_owned raw(senc_path);
+  VEXO_CHECK(vexo::vexo_file_name_from_os_unix_generic(senc_path, raw.out(), options));
+
+  // Text read as Latin-1 is composed already: U+0080..U+00FF are all NFC.
+  if (result == kReadAsLatin1 || (options & VEXO_FILE_NAME_OPTION_NO_NFC) != 0) {
+    *putf8_path = raw.release();
+    return result;
+  }
+
+  char *nfc = nullptr;
+  if (vexo::utf8_to_nfc(raw.get(), &nfc, 0) >= 0) {
+    *putf8_path = nfc;
+    return VEXO_S_NOERR;
+  }
+  // A name that cannot be normalised is still a usable name.
+  *putf8_path = raw.release();
+  return VEXO_S_NOERR;
+}
+
 }  // namespace
+
+#if defined(__SSE2__)
+
+// One pass finds the NUL and any high byte together, over aligned blocks.
+VEXO_WHOLE_BLOCKS int vexo::is_ASCII(const char *s) {
+  const auto addr = reinterpret_cast<uintptr_t>(s);
+  const char *block = reinterpret_cast<const char *>(addr & ~uintptr_t{15});
+  // Most names end within their first aligned 16 bytes: no call for them.
+  const unsigned m = vexo::ascii_stops(block) >> (addr & 15);
+  if (m != 0)
+    return s[__builtin_ctz(m)] == 0;
+  return vexo::ascii_through_nul(block + 16);
+}
+
+#else
 
 int vexo::is_ASCII(const char *s) {
   // libc's strlen and the word-wide scan beat a byte loop even though they
@@ -31,6 +71,8 @@ int vexo::is_ASCII(const char *s) {
   const size_t len = std::strlen(s);
   return vexo::ascii_prefix(s, len) == len;
 }
+
+#endif
 
 vexo_t_error_code vexo::vexo_from_os_unix(const char *senc_string, size_t senc_string_size,
                                           char **putf8_string, size_t *putf8_string_size,
@@ -98,33 +140,17 @@ vexo_t_error_code vexo::vexo_file_name_from_os_unix_generic(const char *senc_pat
   return vexo::vexo_from_os_unix(senc_path, std::strlen(senc_path) + 1, putf8_path, nullptr, from_os_options);
 }
 
-vexo_t_error_code vexo::vexo_file_name_from_os_darwin(const char *senc_path, char **putf8_path,
-                                                      vexo_t_bits options) {
+// Flattened so that the ASCII test is inlined: for a short name a call costs
+// as much as the scan.
+[[gnu::flatten]] vexo_t_error_code vexo::vexo_file_name_from_os_darwin(const char *senc_path,
+                                                                       char **putf8_path,
+                                                                       vexo_t_bits options) {
   if (senc_path == nullptr || putf8_path == nullptr)
     return VEXO_E_PARAMETER_ERROR;
-
   // Most names are ASCII, which is UTF-8 and NFC already.
   if (vexo::is_ASCII(senc_path))
     return lend_or_copy(senc_path, putf8_path, options);
-
-  vexo_t_error_code result = VEXO_S_NOERR;
-  vexo::maybe_owned raw(senc_path);
-  VEXO_CHECK(vexo::vexo_file_name_from_os_unix_generic(senc_path, raw.out(), options));
-
-  // Text read as Latin-1 is composed already: U+0080..U+00FF are all NFC.
-  if (result == kReadAsLatin1 || (options & VEXO_FILE_NAME_OPTION_NO_NFC) != 0) {
-    *putf8_path = raw.release();
-    return result;
-  }
-
-  char *nfc = nullptr;
-  if (vexo::utf8_to_nfc(raw.get(), &nfc, 0) >= 0) {
-    *putf8_path = nfc;
-    return VEXO_S_NOERR;
-  }
-  // A name that cannot be normalised is still a usable name.
-  *putf8_path = raw.release();
-  return VEXO_S_NOERR;
+  return from_os_non_ascii(senc_path, putf8_path, options);
 }
 
 extern "C" {
