@@ -1,0 +1,74 @@
+// An OS name to UTF-8 under every combination of the options, judged against
+// ICU's NFC taken through UTF-16 (not the library's UTF-8 path): ASCII and
+// un-normalised names come back lent under no-copy, legal names as their NFC
+// in a new string, others fail or come back read as Latin-1 with status 1.
+// The first byte picks an allocation to fail, which must leave nothing
+// written and nothing allocated.
+#include "fuzz_util.h"
+#include "unix/unix_internal.h"
+
+#include "icu_utf8.h"
+
+#include <unicode/normalizer2.h>
+#include <unicode/unistr.h>
+
+#include <cstring>
+
+namespace {
+
+std::string icu_nfc(const std::string &s) {
+  UErrorCode status = U_ZERO_ERROR;
+  const icu::Normalizer2 *nfc = icu::Normalizer2::getNFCInstance(status);
+  fuzz::check(U_SUCCESS(status));
+  const icu::UnicodeString composed = nfc->normalize(icu::UnicodeString::fromUTF8(s), status);
+  fuzz::check(U_SUCCESS(status));
+  std::string out;
+  return composed.toUTF8String(out);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  if (size == 0 || size > 4096)
+    return 0;
+  fuzz::allocations::install();
+  const std::string name(reinterpret_cast<const char *>(data) + 1,
+                         strnlen(reinterpret_cast<const char *>(data) + 1, size - 1));
+  const auto *bytes = reinterpret_cast<const uint8_t *>(name.data());
+  bool ascii = true;
+  for (const char c : name)
+    ascii = ascii && static_cast<unsigned char>(c) < 0x80;
+  const bool legal = icu_legal(bytes, name.size());
+  const std::string nfc = legal ? icu_nfc(name) : "";
+
+  for (vexo_t_bits o = 0; o < 16; o += (o & 1) != 0 ? 3 : 1) {  // 0, 1, 4, 5, 8, 9, 12, 13
+    const bool no_copy = (o & VEXO_FILE_NAME_OPTION_NO_COPY) != 0;
+    const long live = fuzz::allocations::live;
+    char *const untouched = reinterpret_cast<char *>(&size);
+    char *out = untouched;
+    vexo_t_error_code rc = VEXO_S_NOERR;
+    const bool failed_alloc = fuzz::allocations::failing(
+        data[0] % 4, [&] { rc = vexo_file_name_from_os_unix(name.c_str(), &out, o); });
+    if (rc < 0) {
+      fuzz::check(out == untouched && fuzz::allocations::live == live);
+      fuzz::check(rc == (failed_alloc ? VEXO_E_OUT_OF_MEMORY : VEXO_E_ENCODING_INVALID));
+      fuzz::check(failed_alloc || (!legal && (o & VEXO_FILE_NAME_OPTION_LATIN1_FALLBACK) == 0));
+      continue;
+    }
+    const bool lent = out == name.c_str();
+    const std::string got(out);
+    if (ascii || (legal && (o & VEXO_FILE_NAME_OPTION_NO_NFC) != 0)) {
+      fuzz::check(rc == 0 && got == name && lent == no_copy);
+    } else if (legal) {
+      // A normalisation that failed (here: its allocation) hands back the name itself.
+      const bool normalised = got == nfc && !lent;
+      fuzz::check(rc == 0 && (normalised || (failed_alloc && got == name && lent == no_copy)));
+    } else {
+      fuzz::check(rc == 1 && got == fuzz::latin1(name) && !lent);
+    }
+    if (!lent)
+      vexo_free(out);
+    fuzz::check(fuzz::allocations::live == live);
+  }
+  return 0;
+}

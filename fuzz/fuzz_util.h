@@ -1,0 +1,114 @@
+// What the fuzz targets share. A broken invariant aborts, so that libFuzzer
+// keeps the input. The core allocator is routed through a counter of live
+// blocks, which can also fail one chosen request, so that every input also
+// checks that nothing leaks and that failures are clean.
+#ifndef VEXO_FUZZ_UTIL_H
+#define VEXO_FUZZ_UTIL_H
+
+#include <vexo/vexo_core.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace fuzz {
+
+inline void check(bool ok) {
+  if (!ok)
+    std::abort();
+}
+
+// Each byte as one ISO 8859-1 character, in UTF-8.
+inline std::string latin1(const std::string &s) {
+  std::string out;
+  for (const char c : s) {
+    const auto b = static_cast<unsigned char>(c);
+    if (b < 0x80) {
+      out += c;
+    } else {
+      out += static_cast<char>(0xC0 | (b >> 6));
+      out += static_cast<char>(0x80 | (b & 0x3F));
+    }
+  }
+  return out;
+}
+
+// The input cut at every `sep` byte and every NUL; always at least one piece.
+inline std::vector<std::string> split(const uint8_t *data, size_t size, uint8_t sep) {
+  std::vector<std::string> pieces(1);
+  for (size_t i = 0; i < size; ++i) {
+    if (data[i] == sep || data[i] == 0)
+      pieces.emplace_back();
+    else
+      pieces.back() += static_cast<char>(data[i]);
+  }
+  return pieces;
+}
+
+using entries = std::vector<std::pair<std::string, std::string>>;
+
+// The keys and values of a compact environment, checking its layout on the
+// way: pointer array first, then the entries in its order, each inside the
+// block and after the one before; `exact`: the last ending where the block ends.
+inline entries read_block(char **env, size_t size, bool exact = true) {
+  size_t n = 0;
+  while ((n + 1) * sizeof(char *) <= size && env[n] != nullptr)
+    ++n;
+  check((n + 1) * sizeof(char *) <= size);
+  const char *low = reinterpret_cast<const char *>(env + n + 1);
+  const char *const end = reinterpret_cast<const char *>(env) + size;
+  entries out;
+  for (size_t i = 0; i < n; ++i) {
+    const char *key = env[i];
+    check(key >= low && key < end);
+    const size_t key_len = strnlen(key, static_cast<size_t>(end - key));
+    const char *value = key + key_len + 1;
+    check(value < end);
+    const size_t value_len = strnlen(value, static_cast<size_t>(end - value));
+    check(value + value_len < end);
+    out.emplace_back(std::string(key, key_len), std::string(value, value_len));
+    low = value + value_len + 1;
+  }
+  check(!exact || low == end);
+  return out;
+}
+
+struct allocations {
+  static inline long live = 0;
+  static inline long until_failure = 0;  // the request that many from now fails; 0: none does
+
+  static bool fail_now() { return until_failure > 0 && --until_failure == 0; }
+  static void *take(size_t n) {
+    if (fail_now())
+      return nullptr;
+    ++live;
+    return std::malloc(n);
+  }
+  static void *resize(void *p, size_t n) { return fail_now() ? nullptr : std::realloc(p, n); }
+  static void give_back(void *p) {
+    --live;
+    std::free(p);
+  }
+  // Runs `call` with the `nth` request from now failing (0: none); whether it failed one.
+  template <class Call>
+  static bool failing(long nth, Call call) {
+    until_failure = nth;
+    call();
+    const bool failed = nth != 0 && until_failure == 0;
+    until_failure = 0;
+    return failed;
+  }
+  // Once, before the library holds any block.
+  static void install() {
+    static const bool done = vexo_replace_allocator(take, resize, give_back) == VEXO_S_NOERR;
+    check(done);
+  }
+};
+
+}  // namespace fuzz
+
+#endif  // VEXO_FUZZ_UTIL_H
