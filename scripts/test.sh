@@ -93,7 +93,10 @@ consume() {
 install_and_consume() {
   local stage=$root/build/stage/root moved=$root/build/stage/moved version c
   rm -rf "$root/build/stage"
+  # A new prefix changes the run path the tool is linked with: relink
+  # before installing.
   cmake --preset release -DCMAKE_INSTALL_PREFIX=/usr >/dev/null || return 1
+  cmake --build --preset release -- -j2 >/dev/null || return 1
   DESTDIR=$stage cmake --install build/release >/dev/null || return 1
   consume "$stage" /usr staged || return 1
   mv "$stage" "$moved"
