@@ -1,48 +1,12 @@
 // System properties and the compact environments the core builds.
-#include <gtest/gtest.h>
+#include "env_fixture.h"
 
-#include <vexo/vexo_core.h>
-
-#include "fault.h"
-
-#include <cstdlib>
-#include <cstring>
 #include <functional>
-#include <string>
-#include <unistd.h>
-#include <vector>
 
 namespace {
 
-using pairs = std::vector<std::pair<std::string, std::string>>;
 char **const kUntouched = reinterpret_cast<char **>(0x1);
-
-// Reads a compact environment back, checking its layout: the pointers and their null, then
-// non-empty-key NUL value NUL entries back to back, filling the block exactly.
-pairs read_compact(char **env, size_t size) {
-  pairs out;
-  size_t n = 0;
-  while (env[n] != nullptr)
-    ++n;
-  const char *next = reinterpret_cast<const char *>(env + n + 1);
-  for (size_t i = 0; i < n && env[i] == next && *next != 0; ++i) {
-    const char *value = next + std::strlen(next) + 1;
-    out.emplace_back(std::string(next, value - 1), value);
-    next = value + std::strlen(value) + 1;
-  }
-  EXPECT_TRUE(out.size() == n && next == reinterpret_cast<const char *>(env) + size) << "bad layout or size";
-  return out;
-}
-
-struct environ_guard {  // a chosen array in place of the live environment
-  std::vector<const char *> entries;
-  char **saved = environ;
-  explicit environ_guard(std::vector<const char *> e) : entries(std::move(e)) {
-    entries.push_back(nullptr);
-    environ = const_cast<char **>(entries.data());
-  }
-  ~environ_guard() { environ = saved; }
-};
+using CompactEnv = EnvFixture;
 
 struct compact {  // made from "KEY=VALUE" entries, freed with its scope
   char **env = nullptr;
@@ -64,7 +28,7 @@ pairs take(const producer &produce) {  // what a producer made, read back and fr
   size_t size = 0;
   const vexo_t_error_code rc = produce(&env, &size);
   EXPECT_EQ(rc, VEXO_S_NOERR);
-  const pairs out = rc == VEXO_S_NOERR ? read_compact(env, size) : pairs{};
+  const pairs out = rc == VEXO_S_NOERR ? read_block(env, size, true) : pairs{};
   vexo_free(env);
   return out;
 }
@@ -72,7 +36,7 @@ pairs merge(char **one, size_t size1, char **two, size_t size2) {
   return take([&](char ***e, size_t *s) { return vexo_merge_compact_envs(one, size1, two, size2, e, s, 0); });
 }
 
-TEST(SystemProperty, CopiesTheLiveValue) {
+TEST_F(CompactEnv, SystemPropertyCopiesTheLiveValue) {
   ASSERT_EQ(setenv("VEXO_TEST_PROPERTY", "/tmp/a=b", 1), 0);
   fault::alloc_sweep([](fault::alloc_scope &scope) {
     char *v = vexo_get_system_property_allocate("VEXO_TEST_PROPERTY", 0);
@@ -84,9 +48,9 @@ TEST(SystemProperty, CopiesTheLiveValue) {
   EXPECT_EQ(vexo_get_system_property_allocate("VEXO_TEST_PROPERTY", 0), nullptr);
 }
 
-TEST(SystemProperties, BothFormsOfTheLiveEnvironment) {
-  const std::vector<const char *> live = {"A=1", "B", "=x", "", "D=a=b", "A=2", "E=", "\xE9=\xFF"};
-  environ_guard guard(live);
+TEST_F(CompactEnv, SystemPropertiesInBothFormsOfTheLiveEnvironment) {
+  const std::vector<std::string> live = {"A=1", "B", "=x", "", "D=a=b", "A=2", "E=", "\xE9=\xFF"};
+  use(live);
   EXPECT_EQ(take([](char ***e, size_t *s) { return vexo_get_system_properties(e, s, 4); }),
             (pairs{{"A", "1"}, {"B", ""}, {"D", "a=b"}, {"A", "2"}, {"E", ""}, {"\xE9", "\xFF"}}));
   // Selector 12: the strings unchanged, empty ones too, packed behind their pointers.
@@ -95,18 +59,18 @@ TEST(SystemProperties, BothFormsOfTheLiveEnvironment) {
   const char *next = reinterpret_cast<const char *>(block + live.size() + 1);
   size_t i = 0;
   for (; block[i] != nullptr && i < live.size(); next = block[i] + std::strlen(block[i]) + 1, ++i)
-    EXPECT_TRUE(block[i] == next && std::strcmp(block[i], live[i]) == 0) << i;
+    EXPECT_TRUE(block[i] == next && block[i] == live[i]) << i;
   EXPECT_TRUE(i == live.size() && block[i] == nullptr);
   vexo_free(block);
 }
 
-TEST(MakeCompactEnv, KeyNulValueEntries) {
+TEST_F(CompactEnv, MakeFromKeyNulValueEntries) {
   const char *nul_separated[] = {"A\0001", "B\0", "\0x", "", "D\0a=b", "A\0002", "K=V\0w", nullptr};
   EXPECT_EQ(take([&](char ***e, size_t *s) { return vexo_make_compact_env(nul_separated, e, s, 0); }),
             (pairs{{"A", "1"}, {"B", ""}, {"D", "a=b"}, {"A", "2"}, {"K=V", "w"}}));
 }
 
-TEST(MergeCompactEnvs, FirstEnvironmentWinsEachKeepsItsOrder) {
+TEST_F(CompactEnv, MergeKeepsTheFirstEnvironmentsEntriesAndEachOneOrder) {
   compact env1({"PATH=/bin", "A=1", "A=1b", "HOME=/root"}), none({}),
       env2({"Z=26", "A=2", "HOME=/home", "B=2", "Z=27", "PATH2=x"});
   const pairs only1 = {{"PATH", "/bin"}, {"A", "1"}, {"A", "1b"}, {"HOME", "/root"}};
@@ -131,9 +95,9 @@ TEST(MergeCompactEnvs, FirstEnvironmentWinsEachKeepsItsOrder) {
                 (i < 5000 || std::stoi(got[i].first.substr(1)) > 5000));
 }
 
-TEST(CompactEnvs, EmptyInputsGiveAnEmptyBlockBadArgumentsChangeNothing) {
+TEST_F(CompactEnv, EmptyInputsGiveAnEmptyBlockBadArgumentsChangeNothing) {
   for (bool cleared : {false, true}) {
-    environ_guard guard({});
+    use({});
     if (cleared)
       environ = nullptr;  // as clearenv leaves it
     EXPECT_EQ(take([](char ***e, size_t *s) { return vexo_get_system_properties(e, s, 4); }), pairs{});
@@ -152,10 +116,10 @@ TEST(CompactEnvs, EmptyInputsGiveAnEmptyBlockBadArgumentsChangeNothing) {
   EXPECT_TRUE(block == kUntouched && size == 7u);
 }
 
-TEST(CompactEnvAllocation, EveryProducerFailsCleanly) {
+TEST_F(CompactEnv, EveryProducerFailsCleanlyWithoutMemory) {
   static const char *const nul_form[] = {"A\0001", "B\0", "C\0003", nullptr};
   static const char *const eq_form[] = {"A=1", "B", "C=3", nullptr};
-  environ_guard guard({"A=1", "B", "C=3"});
+  use({"A=1", "B", "C=3"});
   compact env1({"A=1", "B"}), env2({"B=2", "C=3"});
   // clang-format off
   const std::pair<long, producer> producers[] = {  // the merge also allocates its key index
@@ -172,8 +136,8 @@ TEST(CompactEnvAllocation, EveryProducerFailsCleanly) {
       const vexo_t_error_code r = producers[i].second(&env, &size);
       EXPECT_TRUE(scope.injected()
                       ? r == VEXO_E_OUT_OF_MEMORY && env == kUntouched && size == 7u
-                      : r == VEXO_S_NOERR &&
-                            (i == 1 || read_compact(env, size) == pairs{{"A", "1"}, {"B", ""}, {"C", "3"}}))
+                      : r == VEXO_S_NOERR && (i == 1 || read_block(env, size, true) ==
+                                                            pairs{{"A", "1"}, {"B", ""}, {"C", "3"}}))
           << i << ": " << r;
       if (!scope.injected())
         vexo_free(env);

@@ -1,35 +1,15 @@
 // Start-up and shutdown, the initial environment and copies of the current one.
 #include "env_fixture.h"
 
-#include <algorithm>
-#include <cstring>
 #include <signal.h>
 #include <sys/wait.h>
 #include <tuple>
 
 namespace {
 
-using pairs = std::vector<std::pair<std::string, std::string>>;
 constexpr vexo_t_bits kInitial = VEXO_GET_ENVIRON_OPTION_INITIAL;
 constexpr vexo_t_bits kCurrent = VEXO_GET_ENVIRON_OPTION_CURRENT;
 char **const kUntouched = reinterpret_cast<char **>(0x1);
-
-// The entries of a compact block; each must lie inside it, behind the pointer array and the
-// entry before, as key NUL value NUL in legal UTF-8.
-pairs read(char **env, size_t size) {
-  const char *p = reinterpret_cast<const char *>(std::find(env, env + size / sizeof *env, nullptr) + 1);
-  const char *const end = reinterpret_cast<const char *>(env) + size;
-  auto nul = [end](const char *s) { return static_cast<const char *>(std::memchr(s, 0, size_t(end - s))); };
-  pairs out;
-  for (size_t i = 0; env[i] != nullptr; ++i, ++p) {
-    const char *key = env[i], *mid = key >= p && key < end ? nul(key) : nullptr;
-    if ((p = mid == nullptr ? nullptr : nul(mid + 1)) == nullptr)
-      return ADD_FAILURE() << "entry " << i << " misplaced or unterminated", out;
-    EXPECT_GE(vexo_is_legal_utf8_string(key, static_cast<size_t>(p + 1 - key), 0), 0) << i;
-    out.emplace_back(std::string(key, mid), std::string(mid + 1, p));
-  }
-  return out;
-}
 
 // What vexo_unix_get_environ gives; kUntouched and 7 where it writes nothing.
 struct got {
@@ -38,7 +18,7 @@ struct got {
   vexo_t_error_code rc;
   explicit got(vexo_t_bits options) : rc(vexo_unix_get_environ(&env, &size, options)) {}
   bool untouched() const { return env == kUntouched && size == 7u; }
-  pairs entries() const { return env == nullptr ? pairs{} : read(env, size); }
+  pairs entries() const { return env == nullptr ? pairs{} : read_block(env, size, false); }
 };
 
 using Environ = EnvFixture;
@@ -60,7 +40,7 @@ TEST_F(Environ, KeepsEntriesWithAKeyAndMakesThemUtf8) {
     ASSERT_EQ(g.rc, VEXO_S_NOERR);
     EXPECT_EQ(scope.allocations() == 1, size != 0);  // all UTF-8: the one block
     EXPECT_EQ(size != 0 ? g.size : 0u, size);
-    EXPECT_EQ(read(g.env, g.size), want);
+    EXPECT_EQ(read_block(g.env, g.size, size == 0), want);  // a rebuilt block is packed
     vexo_free(g.env);
   }
 }
@@ -82,7 +62,7 @@ TEST_F(Environ, ChangesBetweenThePasses) {
     const got g(kCurrent);
     EXPECT_EQ(g.rc, copied.empty() ? VEXO_E_TRY_AGAIN : VEXO_S_NOERR);
     EXPECT_EQ(g.size, copied.empty() ? 7u : 3 * sizeof(char *) + 8);  // as sized before the change
-    EXPECT_EQ(g.env == kUntouched ? pairs{} : read(g.env, g.size), copied);
+    EXPECT_EQ(g.env == kUntouched ? pairs{} : read_block(g.env, g.size, false), copied);
     vexo_free(g.env == kUntouched ? nullptr : g.env);
     EXPECT_EQ(scope.live(), 0);
   }

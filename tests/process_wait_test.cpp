@@ -6,15 +6,19 @@
 #include "fault.h"
 #include "scratch.h"
 
+#include <stdexcept>
 #include <tuple>
 
 namespace {
 
-constexpr vexo_t_bits kNonblocking = VEXO_PROCESS_WAIT_OPTION_NONBLOCKING;
-constexpr vexo_t_bits kExit = VEXO_PROCESS_WAIT_OPTION_EXIT;
-constexpr vexo_t_bits kInterruptible = VEXO_PROCESS_WAIT_OPTION_INTERRUPTIBLE;
-constexpr vexo_t_bits kNoSweep = VEXO_PROCESS_WAIT_OPTION_NO_SWEEP;
-constexpr vexo_t_bits kReapLater = VEXO_PROCESS_RELEASE_OPTION_REAP_LATER;
+constexpr vexo_t_bits kNonblocking = VEXO_PROCESS_WAIT_OPTION_NONBLOCKING,
+                      kExit = VEXO_PROCESS_WAIT_OPTION_EXIT,
+                      kInterruptible = VEXO_PROCESS_WAIT_OPTION_INTERRUPTIBLE,
+                      kNoSweep = VEXO_PROCESS_WAIT_OPTION_NO_SWEEP,
+                      kReapLater = VEXO_PROCESS_RELEASE_OPTION_REAP_LATER;
+constexpr vexo_t_bits kNullStreams = VEXO_PROCESS_CREATE_OPTION_STDIN_NULL |
+                                     VEXO_PROCESS_CREATE_OPTION_STDOUT_NULL |
+                                     VEXO_PROCESS_CREATE_OPTION_STDERR_NULL;
 
 using outcome = std::tuple<vexo_t_error_code, vexo_t_bits, vexo_t_int32>;
 
@@ -30,10 +34,14 @@ class Wait : public fault::Test {
     EXPECT_TRUE(child::children().empty()) << "child left behind";
   }
 
-  // A /bin/sh child; by default one that runs until the test kills it.
+  // /bin/sh -c `script`, streams on the null device; by default it runs until killed.
   pid_t spawn(const std::string &script = "exec sleep 20") {
-    kids_.push_back(child::start(script));
-    return kids_.back();
+    vexo_t_os_process_handle pid = -1;
+    if (vexo_unix_process_create("/bin/sh", child::sh(script).get(), "/", nullptr, nullptr, nullptr, nullptr,
+                                 &pid, kNullStreams) != VEXO_S_NOERR ||
+        pid <= 0)
+      throw std::runtime_error("could not start " + script);  // a bad id must not reach a kill()
+    return kids_.emplace_back(pid);
   }
   // Sends `sig` (0: none) and waits for the child's end without reaping it.
   static void end(pid_t pid, int sig = SIGKILL) {

@@ -1,6 +1,5 @@
-// Children for the process suites: parameters as property lists, a /bin/sh
-// script started through the library, a bounded reap and a look at what is
-// left of our children.
+// Children for the process suites: parameters as property lists, a bounded
+// reap and a look at what is left of our children.
 #ifndef VEXO_TESTS_CHILD_H
 #define VEXO_TESTS_CHILD_H
 
@@ -10,7 +9,6 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 #include <string>
 #include <unistd.h>
 #include <utility>
@@ -46,19 +44,6 @@ inline args plain(const std::vector<std::string> &list) {
 }
 inline args sh(const std::string &script) {
   return plain({"-c", script});
-}
-
-// /bin/sh -c `script` with every stream on the null device. Throws (which
-// fails the test) rather than let a bad id reach a kill().
-inline vexo_t_os_process_handle start(const std::string &script) {
-  vexo_t_os_process_handle pid = -1;
-  const vexo_t_bits null = VEXO_PROCESS_CREATE_OPTION_STDIN_NULL | VEXO_PROCESS_CREATE_OPTION_STDOUT_NULL |
-                           VEXO_PROCESS_CREATE_OPTION_STDERR_NULL;
-  if (vexo_unix_process_create("/bin/sh", sh(script).get(), "/", nullptr, nullptr, nullptr, nullptr, &pid,
-                               null) != VEXO_S_NOERR ||
-      pid <= 0)
-    throw std::runtime_error("could not start " + script);
-  return pid;
 }
 
 // How a child ended ("exit 3", "signal 9"), polled for 10 s; one still
