@@ -18,17 +18,8 @@ const std::string kDecomposed = "e\xCC\x81", kComposed = "\xC3\xA9";
 vexo_t_dir g_untouched_dir;
 vexo_t_dirent g_untouched_ent;
 
-class Listing : public fault::Test {
+class Listing : public fault::FdTest {
  protected:
-  void SetUp() override {
-    fds_ = fault::open_fds();
-    fault::Test::SetUp();
-  }
-  void TearDown() override {
-    fault::Test::TearDown();
-    EXPECT_EQ(fault::open_fds(), fds_) << "descriptor leaked";
-  }
-
   vexo_t_dir *open(const std::string &path, vexo_t_bits options = 0) {
     vexo_t_dir *dir = nullptr;
     EXPECT_EQ(vexo_open_directory_unix(path.c_str(), &dir, options), VEXO_S_NOERR) << path;
@@ -56,7 +47,6 @@ class Listing : public fault::Test {
   }
 
   scratch::dir tmp_;
-  int fds_ = 0;
 };
 
 TEST_F(Listing, FiltersFollowLinksAndKeepTheSystemOrder) {
