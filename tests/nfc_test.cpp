@@ -66,9 +66,9 @@ TEST(Nfc, Conformance) {
     if (part == 1)
       listed.insert(c[0]);
     for (size_t i = 0; i < 5; ++i) {
-      const std::string &want = i < 3 ? c[1] : c[3];
-      expect_same(nfc(c[i]), want, "column " + std::to_string(i + 1));
-      expect_same(fault::take([&](char **out) { return vexo_file_name_from_os_unix(c[i].c_str(), out, 0); }),
+      const std::string &in = c[i], &want = i < 3 ? c[1] : c[3];
+      expect_same(nfc(in), want, "column " + std::to_string(i + 1));
+      expect_same(fault::take([&](char **out) { return vexo_file_name_from_os_unix(in.c_str(), out, 0); }),
                   want, "file name of column " + std::to_string(i + 1));
     }
   }
