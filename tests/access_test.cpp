@@ -35,13 +35,7 @@ class Access : public fault::Test {
     // Root owns what it makes (owner class), is in its egid (group class) and
     // in neither kUid nor kGid (other class).
     const gid_t eg = getegid();
-    const struct {
-      const char *name;
-      char kind;
-      mode_t mode;
-      uid_t uid;
-      gid_t gid;
-    } entries[] = {
+    const std::tuple<const char *, char, mode_t, uid_t, gid_t> entries[] = {
         {"f", 'f', 0644, kMe, kMe},      {"x", 'f', 0100, kMe, kMe},    {"ro", 'f', 0444, kMe, kMe},
         {"own77", 'f', 0077, kMe, kMe},  {"zero", 'f', 0, kUid, kGid},  {"o600", 'f', 0600, kUid, kGid},
         {"o004", 'f', 0004, kUid, kGid}, {"g040", 'f', 0040, kUid, eg}, {"g400", 'f', 0400, kUid, eg},
@@ -49,8 +43,8 @@ class Access : public fault::Test {
         {"w", 'd', 0200, kMe, kMe},      {"rx", 'd', 0500, kMe, kMe},   {"rw", 'd', 0600, kMe, kMe},
         {"gw", 'd', 0020, kUid, eg},     {"og", 'd', 0770, kUid, kGid},
     };
-    for (const auto &e : entries)
-      dir_.make(e.name, e.kind, e.mode, e.uid, e.gid);
+    for (const auto &[name, kind, mode, uid, gid] : entries)
+      dir_.make(name, kind, mode, uid, gid);
   }
   std::string at(const char *name) const { return dir_.at(name); }
   scratch::dir dir_;
@@ -126,11 +120,8 @@ TEST_F(Access, ClassFailures) {
   fault::fail(fault::call::getgroups, ESTALE);
   EXPECT_EQ(test_access(at("zero"), kR), VEXO_E_OS_ERROR);
   for (const char *path : {"zero", "og/new"}) {
-    const long made = fault::alloc_sweep([&](fault::alloc_scope &scope) {
-      const vexo_t_error_code rc = test_access(at(path), kCreate | kR);
-      EXPECT_EQ(rc, scope.injected() ? VEXO_E_OUT_OF_MEMORY : kDenied) << path;
-    });
-    EXPECT_EQ(made, 2) << path << ": the private name and the group list";
+    const auto op = [&] { return fault::result{test_access(at(path), kCreate | kR), ""}; };
+    EXPECT_EQ(fault::oom_sweep(op, {kDenied, ""}), 2) << path << ": the private name and the group list";
   }
 }
 

@@ -37,18 +37,16 @@ vexo_t_error_code os_error(int err, vexo_t_error_code base = VEXO_E_OS_ERROR) {
   return vexo_map_unix_error(err, base);
 }
 
-class Handles : public fault::Test {
+class Handles : public fault::FdTest {
  protected:
   void SetUp() override {
-    fds_ = fault::open_fds();
-    fault::Test::SetUp();
+    fault::FdTest::SetUp();
     g_socket_closes = 0;
     g_socket_answer.reset();
   }
   void TearDown() override {
     keep_.clear();
-    fault::Test::TearDown();
-    EXPECT_EQ(fault::open_fds(), fds_) << "descriptor leaked";
+    fault::FdTest::TearDown();
   }
   int open_file(const std::string &path, int oflag = O_CREAT | O_RDWR) {
     vexo_t_os_file_handle fd = -1;
@@ -65,7 +63,6 @@ class Handles : public fault::Test {
 
   scratch::dir dir_;
   std::vector<vexo::unique_fd> keep_;
-  int fds_ = 0;
 };
 
 TEST_F(Handles, KindAndSizeOfEveryHandleThatCanBeMadeHere) {

@@ -6,13 +6,11 @@
 
 #include <grp.h>
 #include <pwd.h>
-#include <string>
 #include <tuple>
 
 namespace {
 
-char g_untouched_byte;
-char *const kUntouched = &g_untouched_byte;
+using fault::result;
 
 const struct kind {
   const char *what;
@@ -20,45 +18,28 @@ const struct kind {
   fault::call lookup;
   bool (*exists)(unsigned);
 } kKinds[] = {
-    {"user", vexo_user_id_name_unix, fault::call::getpwuid_r,
-     [](unsigned id) { return getpwuid(id) != nullptr; }},
-    {"group", vexo_group_id_name_unix, fault::call::getgrgid_r,
-     [](unsigned id) { return getgrgid(id) != nullptr; }},
+    {"user", vexo_user_id_name_unix, fault::call::getpwuid_r, [](unsigned id) { return !!getpwuid(id); }},
+    {"group", vexo_group_id_name_unix, fault::call::getgrgid_r, [](unsigned id) { return !!getgrgid(id); }},
 };
 
-struct outcome {
-  vexo_t_error_code rc;
-  std::string name;
-  bool operator==(const outcome &) const = default;
-};
-void PrintTo(const outcome &o, std::ostream *os) {
-  *os << "{" << o.rc << ", " << ::testing::PrintToString(o.name) << "}";
-}
-
-// Checks that a failure wrote nothing and frees what a success handed over.
-outcome name_of(const kind &k, unsigned id, vexo_t_bits options = 0) {
-  char *name = kUntouched;
-  const vexo_t_error_code rc = k.op(id, &name, options);
-  if (rc < 0) {
-    EXPECT_EQ(name, kUntouched) << "written on failure";
-    return {rc, ""};
-  }
-  outcome o{rc, name};
-  vexo_free(name);
-  return o;
+result name_of(const kind &k, unsigned id, vexo_t_bits options = 0) {
+  return fault::take([&](char **out) { return k.op(id, out, options); });
 }
 
 using IdNames = fault::Test;
 
-TEST_F(IdNames, RootAndUnknownIds) {
+TEST_F(IdNames, RootUnknownIdsAndAllocationSweep) {
   for (const kind &k : kKinds) {
-    EXPECT_EQ(name_of(k, 0, ~0u), (outcome{VEXO_S_NOERR, "root"})) << k.what;
+    SCOPED_TRACE(k.what);
+    EXPECT_EQ(name_of(k, 0, ~0u), (result{VEXO_S_NOERR, "root"}));
     unsigned unknown = 0x7FFFFFF0u;
     while (k.exists(unknown))
       --unknown;
     fault::reset();
-    EXPECT_EQ(name_of(k, unknown), (outcome{VEXO_E_NOT_FOUND, ""})) << k.what;
+    EXPECT_EQ(name_of(k, unknown), (result{VEXO_E_NOT_FOUND, ""}));
     EXPECT_EQ(fault::calls(k.lookup), 1);
+    EXPECT_EQ(fault::oom_sweep([&] { return name_of(k, 0); }, {VEXO_S_NOERR, "root"}), 2)
+        << "the lookup buffer and the name";
   }
 }
 
@@ -82,16 +63,6 @@ TEST_F(IdNames, SizeQueryAndLookupFailuresAreMappedNotRetried) {
       EXPECT_EQ(fault::calls(k.lookup), c == k.lookup ? 1 : 0);
       EXPECT_EQ(scope.live(), 0);
     }
-  }
-}
-
-TEST_F(IdNames, AllocationSweep) {
-  for (const kind &k : kKinds) {
-    const long made = fault::alloc_sweep([&](fault::alloc_scope &scope) {
-      const outcome got = name_of(k, 0);  // before asking whether the failure was reached
-      EXPECT_EQ(got, (scope.injected() ? outcome{VEXO_E_OUT_OF_MEMORY, ""} : outcome{VEXO_S_NOERR, "root"}));
-    });
-    EXPECT_EQ(made, 2) << k.what << ": the lookup buffer and the name";
   }
 }
 

@@ -17,35 +17,16 @@
 namespace {
 
 namespace fs = std::filesystem;
-char g_untouched_byte;
-char *const kUntouched = &g_untouched_byte;
+using fault::result;
 constexpr auto kOk = VEXO_S_NOERR;
 constexpr vexo_t_bits kDir = VEXO_DELETE_OPTION_DIRECTORY, kNotImpl = VEXO_DELETE_OPTION_NOT_IMPLEMENTED,
                       kLatin1 = VEXO_WORKING_DIRECTORY_OPTION_LATIN1_FALLBACK;
 
-struct outcome {
-  vexo_t_error_code rc;
-  std::string text;
-  bool operator==(const outcome &) const = default;
-};
-void PrintTo(const outcome &o, std::ostream *os) {
-  *os << "{" << o.rc << ", " << ::testing::PrintToString(o.text) << "}";
+result cwd(vexo_t_bits options = 0) {
+  return fault::take([=](char **out) { return vexo_get_working_directory_unix(out, options); });
 }
-
-// Checks that a failure wrote nothing and frees what a success handed over.
-outcome take(vexo_t_error_code (*op)(char **, vexo_t_bits), vexo_t_bits options) {
-  char *out = kUntouched;
-  const vexo_t_error_code rc = op(&out, options);
-  if (rc < 0) {
-    EXPECT_EQ(out, kUntouched) << "written on failure";
-    return {rc, ""};
-  }
-  outcome o{rc, out};
-  vexo_free(out);
-  return o;
-}
-outcome cwd(vexo_t_bits options = 0) {
-  return take(vexo_get_working_directory_unix, options);
+result tmp(vexo_t_bits options = 0) {
+  return fault::take([=](char **out) { return vexo_unix_temp_directory(out, options); });
 }
 
 class Paths : public fault::Test {
@@ -69,18 +50,28 @@ class Paths : public fault::Test {
   scratch::dir dir_;
 };
 
+// Each call interrupted five times is repeated until done.
 TEST_F(Paths, DeleteRenameCreateAndChangeDirectory) {
-  const std::string f = file("f"), d = dir("d"), a = file("a");
+  const std::string f = file("f"), d = dir("d"), a = file("a"), b = file("b");
+  const auto interrupt = [](fault::call c) { fault::reset(), fault::fail(c, EINTR, 5); };
+  interrupt(fault::call::unlink);
   EXPECT_EQ(vexo_unix_delete_file(f.c_str(), kNotImpl), kOk) << "0x4 alone is a plain delete";
+  EXPECT_EQ(fault::calls(fault::call::unlink), 6);
   EXPECT_EQ(vexo_unix_delete_file(d.c_str(), kDir | kNotImpl), VEXO_E_NOT_IMPLEMENTED);
   EXPECT_EQ(fault::calls(fault::call::rmdir), 0);
+  interrupt(fault::call::rmdir);
   EXPECT_EQ(vexo_unix_delete_file(d.c_str(), kDir | 0x2 | 0x8), kOk);
+  EXPECT_EQ(fault::calls(fault::call::rmdir), 6);
   EXPECT_FALSE(fs::exists(f) || fs::exists(d));
 
-  EXPECT_EQ(vexo_unix_rename_file(a.c_str(), file("b").c_str(), ~0u), kOk) << "replaces, as rename does";
+  interrupt(fault::call::rename);
+  EXPECT_EQ(vexo_unix_rename_file(a.c_str(), b.c_str(), ~0u), kOk) << "replaces, as rename does";
+  EXPECT_EQ(fault::calls(fault::call::rename), 6);
   EXPECT_FALSE(fs::exists(a));
   const mode_t saved = umask(0);
+  interrupt(fault::call::mkdir);
   EXPECT_EQ(vexo_unix_create_directory(at("m").c_str(), ~0u), kOk);
+  EXPECT_EQ(fault::calls(fault::call::mkdir), 6);
   umask(saved);
   EXPECT_EQ(fs::status(at("m")).permissions(), fs::perms::all);
   EXPECT_EQ(vexo_unix_create_directory(at("m").c_str(), 0), vexo_map_unix_error(EEXIST, VEXO_E_OS_ERROR));
@@ -128,21 +119,6 @@ TEST_F(Paths, InjectedErrnosAreMappedWithEachOperationsFallbackOnce) {
   EXPECT_EQ(vexo_unix_temp_directory(nullptr, 0), VEXO_E_PARAMETER_ERROR);
 }
 
-TEST_F(Paths, InterruptedDeleteRenameAndMkdirAreRepeatedUntilDone) {
-  const std::string f = file("f");
-  const std::pair<fault::call, std::function<vexo_t_error_code()>> steps[] = {
-      {fault::call::mkdir, [&] { return vexo_unix_create_directory(at("d").c_str(), 0); }},
-      {fault::call::rename, [&] { return vexo_unix_rename_file(at("d").c_str(), at("e").c_str(), 0); }},
-      {fault::call::rmdir, [&] { return vexo_unix_delete_file(at("e").c_str(), kDir); }},
-      {fault::call::unlink, [&] { return vexo_unix_delete_file(f.c_str(), 0); }}};
-  for (const auto &[c, op] : steps) {
-    fault::fail(c, EINTR, 5);
-    EXPECT_EQ(op(), kOk);
-    EXPECT_EQ(fault::calls(c), 6);
-  }
-  EXPECT_TRUE(fs::is_empty(dir_.path())) << "every step took effect";
-}
-
 TEST_F(Paths, WorkingDirectoryBufferScheduleAndConversion) {
   // A directory whose absolute path is 300 bytes long.
   std::string p = dir_.path();
@@ -151,7 +127,7 @@ TEST_F(Paths, WorkingDirectoryBufferScheduleAndConversion) {
     ASSERT_EQ(mkdir(p.c_str(), 0755), 0);
   }
   ASSERT_EQ(::chdir(p.c_str()), 0);
-  EXPECT_EQ(cwd(), (outcome{kOk, p}));
+  EXPECT_EQ(cwd(), (result{kOk, p}));
   EXPECT_EQ(fault::getcwd_sizes(), (std::vector<size_t>{257, 513}));
 
   std::vector<size_t> nine;
@@ -168,11 +144,10 @@ TEST_F(Paths, WorkingDirectoryBufferScheduleAndConversion) {
 
   // Converted as a file name; only the Latin-1 bit is passed on.
   ASSERT_EQ(::chdir(dir("caf\xE9").c_str()), 0);
-  EXPECT_EQ(cwd(), (outcome{VEXO_E_ENCODING_INVALID, ""}));
-  EXPECT_EQ(cwd(kLatin1), (outcome{static_cast<vexo_t_error_code>(1), at("caf\xC3\xA9")}));
+  EXPECT_EQ(cwd(), (result{VEXO_E_ENCODING_INVALID, ""}));
+  EXPECT_EQ(cwd(kLatin1), (result{static_cast<vexo_t_error_code>(1), at("caf\xC3\xA9")}));
   ASSERT_EQ(::chdir(dir("e\xCC\x81").c_str()), 0);
-  EXPECT_EQ(cwd(VEXO_FILE_NAME_OPTION_NO_COPY | VEXO_FILE_NAME_OPTION_NO_NFC),
-            (outcome{kOk, at("\xC3\xA9")}));
+  EXPECT_EQ(cwd(VEXO_FILE_NAME_OPTION_NO_COPY | VEXO_FILE_NAME_OPTION_NO_NFC), (result{kOk, at("\xC3\xA9")}));
 }
 
 TEST_F(Paths, TempDirectoryEndsInOneSlashAndIsOtherwiseUnchanged) {
@@ -181,7 +156,7 @@ TEST_F(Paths, TempDirectoryEndsInOneSlashAndIsOtherwiseUnchanged) {
       {"tmp", "tmp/"},    {"/x", "/x/"}, {"/no\xE9utf8", "/no\xE9utf8/"}, {"a//", "a//"}};
   for (const auto &[value, want] : rows) {
     value != nullptr ? setenv("TMPDIR", value, 1) : unsetenv("TMPDIR");
-    EXPECT_EQ(take(vexo_unix_temp_directory, ~0u), (outcome{kOk, want})) << (value ? value : "(unset)");
+    EXPECT_EQ(tmp(~0u), (result{kOk, want})) << (value ? value : "(unset)");
   }
 }
 
@@ -199,23 +174,19 @@ TEST_F(Paths, AllocationSweeps) {
 
   for (const char *name : {"ascii", "caf\xE9"}) {
     ASSERT_EQ(::chdir(dir(name).c_str()), 0);
-    const outcome want = cwd(kLatin1);
+    const result want = cwd(kLatin1);
     ASSERT_GE(want.rc, kOk);
-    const long made = fault::alloc_sweep([&](fault::alloc_scope &scope) {
-      const outcome got = cwd(kLatin1);
-      EXPECT_EQ(got, (scope.injected() ? outcome{VEXO_E_OUT_OF_MEMORY, ""} : want)) << name;
-    });
-    EXPECT_EQ(made, 2) << "the buffer and the converted name";
+    EXPECT_EQ(fault::oom_sweep([] { return cwd(kLatin1); }, want), 2) << "the buffer and the converted name";
   }
 
   setenv("TMPDIR", "/var/tmp", 1);
   long k = 0;
   EXPECT_EQ(fault::alloc_sweep([&](fault::alloc_scope &scope) {
-              const outcome got = take(vexo_unix_temp_directory, 0);
+              const result got = tmp();
               // The core reports a property it could not copy as unset.
-              EXPECT_EQ(got, (!scope.injected() ? outcome{kOk, "/var/tmp/"}
-                              : ++k == 1        ? outcome{kOk, "/tmp/"}
-                                                : outcome{VEXO_E_OUT_OF_MEMORY, ""}));
+              EXPECT_EQ(got, (!scope.injected() ? result{kOk, "/var/tmp/"}
+                              : ++k == 1        ? result{kOk, "/tmp/"}
+                                                : result{VEXO_E_OUT_OF_MEMORY, ""}));
             }),
             2);
 }

@@ -6,40 +6,21 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
-int is_ASCII(const char *) {
-  return 0;
-}
-int utf8_to_nfc(const char *, char **, unsigned) {
-  return 0;
-}
-int os_stat(const char *, struct stat *) {
-  return 0;
-}
-int os_opendir(const char *, DIR **) {
-  return 0;
-}
-int os_rename(const char *, const char *) {
-  return 0;
-}
-int init_env() {
-  return 0;
-}
-void release_env() {}
-size_t env_length(char **) {
-  return 0;
-}
-int copy_current_os_environ(char ***, size_t *, unsigned) {
-  return 0;
-}
-int record_zombie(int) {
-  return 0;
-}
-int release_zombies(int) {
-  return 0;
-}
-int vexo_unix_process_file(int, int *, int *, unsigned) {
-  return 0;
-}
+// clang-format off
+#define CLASH(ret, name, ...) ret name(__VA_ARGS__) { return ret(); }
+CLASH(int, is_ASCII, const char *)
+CLASH(int, utf8_to_nfc, const char *, char **, unsigned)
+CLASH(int, os_stat, const char *, struct stat *)
+CLASH(int, os_opendir, const char *, DIR **)
+CLASH(int, os_rename, const char *, const char *)
+CLASH(int, init_env)
+CLASH(void, release_env)
+CLASH(size_t, env_length, char **)
+CLASH(int, copy_current_os_environ, char ***, size_t *, unsigned)
+CLASH(int, record_zombie, int)
+CLASH(int, release_zombies, int)
+CLASH(int, vexo_unix_process_file, int, int *, int *, unsigned)
+// clang-format on
 
 // Calls into every object file that defines one of the names above.
 bool clash_free_link() {

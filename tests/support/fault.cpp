@@ -1,128 +1,76 @@
 #include "fault.h"
 
-#include <vexo/vexo_core.h>
-
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstdarg>
+#include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <langinfo.h>
 #include <locale.h>
 #include <pwd.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <unordered_set>
-#include <utility>
 
 namespace fault {
 namespace {
 
-struct alloc_state {
-  bool active = false;
-  long fail_at = 0;
-  long count = 0;
-  bool injected = false;
-  std::unordered_set<void *> live;
-  std::function<void(long)> hook;
-};
-alloc_state g_alloc;
-
-bool next_allocation_fails() {
-  ++g_alloc.count;
-  if (g_alloc.hook)
-    g_alloc.hook(g_alloc.count);
-  if (g_alloc.fail_at != 0 && g_alloc.count == g_alloc.fail_at) {
-    g_alloc.injected = true;
-    return true;
-  }
-  return false;
-}
-
-void *h_malloc(size_t n) {
-  if (next_allocation_fails())
-    return nullptr;
-  void *p = std::malloc(n);
-  if (p != nullptr)
-    g_alloc.live.insert(p);
-  return p;
-}
-
-void *h_realloc(void *p, size_t n) {
-  if (next_allocation_fails())
-    return nullptr;
-  void *q = std::realloc(p, n);
-  if (q != nullptr) {
-    g_alloc.live.erase(p);
-    g_alloc.live.insert(q);
-  }
-  return q;
-}
-
-void h_free(void *p) {
-  g_alloc.live.erase(p);
-  std::free(p);
-}
-
 struct call_plan {
-  int err = 0;
-  int fail_left = 0;
-  int calls = 0;
+  int err = 0, fail_left = 0, calls = 0;
 };
 std::array<call_plan, static_cast<size_t>(call::count_)> g_calls;
-std::optional<const char *> g_nl_langinfo;
-std::optional<const char *> g_setlocale;
+std::optional<const char *> g_nl_langinfo, g_setlocale;
 std::vector<size_t> g_getcwd_sizes;
 
-call_plan &plan(call c) {
-  return g_calls[static_cast<size_t>(c)];
+// Counts the call; true (with errno set) when it is to fail.
+bool failing(call c) {
+  call_plan &p = g_calls[static_cast<size_t>(c)];
+  ++p.calls;
+  if (p.fail_left == 0)
+    return false;
+  --p.fail_left;
+  errno = p.err;
+  return true;
 }
 
 }  // namespace
 
-// Counts the call; true (with errno set) when it is to fail.
-bool take(call c) {
-  call_plan &p = plan(c);
-  ++p.calls;
-  if (p.fail_left > 0) {
-    --p.fail_left;
-    errno = p.err;
-    return true;
+// The harness's allocator, in force while a scope is alive.
+struct allocator {
+  static inline alloc_scope *scope = nullptr;
+  static void *realloc(void *p, size_t n) {
+    alloc_scope &s = *scope;
+    if (s.hook_)
+      s.hook_(s.count_ + 1);
+    if (++s.count_ == s.fail_at_) {
+      s.injected_ = true;
+      return nullptr;
+    }
+    void *q = std::realloc(p, n);
+    if (q != nullptr) {
+      s.live_.erase(p);
+      s.live_.insert(q);
+    }
+    return q;
   }
-  return false;
-}
+  static void *malloc(size_t n) { return realloc(nullptr, n); }
+  static void free(void *p) {
+    scope->live_.erase(p);
+    std::free(p);
+  }
+};
 
-alloc_scope::alloc_scope(long fail_at) {
-  g_alloc = alloc_state{};
-  g_alloc.active = true;
-  g_alloc.fail_at = fail_at;
-  EXPECT_EQ(vexo_replace_allocator(h_malloc, h_realloc, h_free), VEXO_S_NOERR);
+alloc_scope::alloc_scope(long fail_at) : fail_at_(fail_at) {
+  allocator::scope = this;
+  EXPECT_EQ(vexo_replace_allocator(allocator::malloc, allocator::realloc, allocator::free), VEXO_S_NOERR);
 }
-
 alloc_scope::~alloc_scope() {
-  vexo_replace_allocator(nullptr, nullptr, nullptr);
-  // Blocks still live came from malloc, so the restored allocator frees them.
-  g_alloc.active = false;
-  g_alloc.hook = nullptr;
-}
-
-void alloc_scope::on_allocation(std::function<void(long)> hook) {
-  g_alloc.hook = std::move(hook);
-}
-
-bool alloc_scope::injected() const {
-  return g_alloc.injected;
-}
-long alloc_scope::allocations() const {
-  return g_alloc.count;
-}
-long alloc_scope::live() const {
-  return static_cast<long>(g_alloc.live.size());
+  vexo_replace_allocator(nullptr, nullptr, nullptr);  // blocks still live came from malloc
+  allocator::scope = nullptr;
 }
 
 long alloc_sweep(const std::function<void(alloc_scope &)> &attempt, long limit) {
@@ -139,26 +87,45 @@ long alloc_sweep(const std::function<void(alloc_scope &)> &attempt, long limit) 
   return -1;
 }
 
+void PrintTo(const result &r, std::ostream *os) {
+  *os << "{" << r.rc << ", " << ::testing::PrintToString(r.text) << "}";
+}
+
+result take(const std::function<vexo_t_error_code(char **)> &op) {
+  static char untouched;
+  char *out = &untouched;
+  const vexo_t_error_code rc = op(&out);
+  if (rc < 0) {
+    EXPECT_EQ(out, &untouched) << "written on failure";
+    return {rc, ""};
+  }
+  result r{rc, out};
+  vexo_free(out);
+  return r;
+}
+
+long oom_sweep(const std::function<result()> &op, const result &want) {
+  return alloc_sweep([&](alloc_scope &scope) {
+    const result got = op();  // before asking whether the failure was reached
+    EXPECT_EQ(got, (scope.injected() ? result{VEXO_E_OUT_OF_MEMORY, ""} : want));
+  });
+}
+
 void fail(call c, int err, int times) {
-  plan(c).err = err;
-  plan(c).fail_left = times;
+  g_calls[static_cast<size_t>(c)] = {err, times, calls(c)};
 }
-
 int calls(call c) {
-  return plan(c).calls;
+  return g_calls[static_cast<size_t>(c)].calls;
 }
-
 void reset() {
   g_calls = {};
   g_nl_langinfo.reset();
   g_setlocale.reset();
   g_getcwd_sizes.clear();
 }
-
 const std::vector<size_t> &getcwd_sizes() {
   return g_getcwd_sizes;
 }
-
 void fake_nl_langinfo(std::optional<const char *> answer) {
   g_nl_langinfo = answer;
 }
@@ -167,153 +134,94 @@ void fake_setlocale(std::optional<const char *> answer) {
 }
 
 int open_fds() {
+  int n = -3;  // ".", ".." and the listing's own descriptor
   DIR *d = opendir("/proc/self/fd");
-  if (d == nullptr)
-    return -1;
-  int n = 0;
-  while (dirent *e = readdir(d)) {
-    if (e->d_name[0] != '.')
-      ++n;
-  }
-  closedir(d);
-  return n - 1;  // the listing's own descriptor
+  while (d != nullptr && readdir(d) != nullptr)
+    ++n;
+  if (d != nullptr)
+    closedir(d);
+  return n;
 }
 
 }  // namespace fault
 
-// ---- Link-time wrappers -------------------------------------------------------
-// Every call of the wrapped functions in the test binary, the static library
-// included, lands here.
-
+// Every call of these functions in the test binary, the static library
+// included, lands here: `failed` is what a failing call returns.
 extern "C" {
+#define FAULT_WRAP(ret, name, failed, params, args)                         \
+  ret __real_##name params;                                                 \
+  ret __wrap_##name params {                                                \
+    return fault::failing(fault::call::name) ? failed : __real_##name args; \
+  }
+// clang-format off
+FAULT_WRAP(int, close, -1, (int fd), (fd))
+FAULT_WRAP(int, stat, -1, (const char *path, struct stat *buf), (path, buf))
+FAULT_WRAP(int, unlink, -1, (const char *path), (path))
+FAULT_WRAP(int, rmdir, -1, (const char *path), (path))
+FAULT_WRAP(int, rename, -1, (const char *from, const char *to), (from, to))
+FAULT_WRAP(int, mkdir, -1, (const char *path, mode_t mode), (path, mode))
+FAULT_WRAP(int, chdir, -1, (const char *path), (path))
+FAULT_WRAP(int, getgroups, -1, (int size, gid_t *list), (size, list))
+FAULT_WRAP(long, sysconf, -1, (int name), (name))
+FAULT_WRAP(off_t, lseek, -1, (int fd, off_t offset, int whence), (fd, offset, whence))
+FAULT_WRAP(int, fstat, -1, (int fd, struct stat *buf), (fd, buf))
+FAULT_WRAP(DIR *, opendir, nullptr, (const char *path), (path))
+FAULT_WRAP(struct dirent *, readdir, nullptr, (DIR *dir), (dir))
+FAULT_WRAP(int, closedir, -1, (DIR *dir), (dir))
+FAULT_WRAP(pid_t, fork, -1, (void), ())
+FAULT_WRAP(int, pipe, -1, (int fds[2]), (fds))
+FAULT_WRAP(int, pipe2, -1, (int fds[2], int flags), (fds, flags))
+FAULT_WRAP(int, dup, -1, (int fd), (fd))
+FAULT_WRAP(int, dup2, -1, (int fd, int fd2), (fd, fd2))
+FAULT_WRAP(pid_t, waitpid, -1, (pid_t pid, int *status, int options), (pid, status, options))
+FAULT_WRAP(int, kill, -1, (pid_t pid, int sig), (pid, sig))
+FAULT_WRAP(int, posix_spawn, errno, (pid_t *pid, const char *path, const posix_spawn_file_actions_t *actions,
+           const posix_spawnattr_t *attr, char *const argv[], char *const envp[]),
+           (pid, path, actions, attr, argv, envp))
+FAULT_WRAP(int, getpwuid_r, (*result = nullptr, errno), (uid_t uid, struct passwd *pwd, char *buf, size_t size,
+           struct passwd **result), (uid, pwd, buf, size, result))
+FAULT_WRAP(int, getgrgid_r, (*result = nullptr, errno), (gid_t gid, struct group *grp, char *buf, size_t size,
+           struct group **result), (gid, grp, buf, size, result))
+// clang-format on
 
-int __real_close(int fd);
-int __wrap_close(int fd) {
-  if (fault::take(fault::call::close))
-    return -1;
-  return __real_close(fd);
-}
-
+// These two can also give a fixed answer.
 char *__real_nl_langinfo(nl_item item);
 char *__wrap_nl_langinfo(nl_item item) {
-  if (fault::take(fault::call::nl_langinfo))
-    return nullptr;
-  if (fault::g_nl_langinfo)
-    return const_cast<char *>(*fault::g_nl_langinfo);
-  return __real_nl_langinfo(item);
+  const auto &fake = fault::g_nl_langinfo;
+  return fault::failing(fault::call::nl_langinfo) ? nullptr
+         : fake                                   ? const_cast<char *>(*fake)
+                                                  : __real_nl_langinfo(item);
 }
-
 char *__real_setlocale(int category, const char *locale);
 char *__wrap_setlocale(int category, const char *locale) {
-  if (fault::take(fault::call::setlocale))
-    return nullptr;
-  if (fault::g_setlocale)
-    return const_cast<char *>(*fault::g_setlocale);
-  return __real_setlocale(category, locale);
-}
-
-// Calls that report failure as -1 with errno.
-#define FAULT_WRAP_POSIX(ret, name, params, args) \
-  ret __real_##name params;                       \
-  ret __wrap_##name params {                      \
-    if (fault::take(fault::call::name))           \
-      return -1;                                  \
-    return __real_##name args;                    \
-  }
-
-FAULT_WRAP_POSIX(int, stat, (const char *path, struct stat *buf), (path, buf))
-FAULT_WRAP_POSIX(int, unlink, (const char *path), (path))
-FAULT_WRAP_POSIX(int, rmdir, (const char *path), (path))
-FAULT_WRAP_POSIX(int, rename, (const char *from, const char *to), (from, to))
-FAULT_WRAP_POSIX(int, mkdir, (const char *path, mode_t mode), (path, mode))
-FAULT_WRAP_POSIX(int, chdir, (const char *path), (path))
-FAULT_WRAP_POSIX(int, getgroups, (int size, gid_t *list), (size, list))
-FAULT_WRAP_POSIX(long, sysconf, (int name), (name))
-FAULT_WRAP_POSIX(off_t, lseek, (int fd, off_t offset, int whence), (fd, offset, whence))
-FAULT_WRAP_POSIX(int, fstat, (int fd, struct stat *buf), (fd, buf))
-FAULT_WRAP_POSIX(int, closedir, (DIR * dir), (dir))
-FAULT_WRAP_POSIX(pid_t, fork, (void), ())
-FAULT_WRAP_POSIX(int, pipe, (int fds[2]), (fds))
-FAULT_WRAP_POSIX(int, pipe2, (int fds[2], int flags), (fds, flags))
-FAULT_WRAP_POSIX(int, dup, (int fd), (fd))
-FAULT_WRAP_POSIX(int, dup2, (int fd, int fd2), (fd, fd2))
-FAULT_WRAP_POSIX(pid_t, waitpid, (pid_t pid, int *status, int options), (pid, status, options))
-FAULT_WRAP_POSIX(int, kill, (pid_t pid, int sig), (pid, sig))
-
-int __real_posix_spawn(pid_t *pid, const char *path, const posix_spawn_file_actions_t *actions,
-                       const posix_spawnattr_t *attr, char *const argv[], char *const envp[]);
-int __wrap_posix_spawn(pid_t *pid, const char *path, const posix_spawn_file_actions_t *actions,
-                       const posix_spawnattr_t *attr, char *const argv[], char *const envp[]) {
-  if (fault::take(fault::call::posix_spawn))
-    return errno;
-  return __real_posix_spawn(pid, path, actions, attr, argv, envp);
-}
-
-// open and fcntl take a third argument only for some requests.
-int __real_open(const char *path, int flags, ...);
-int __wrap_open(const char *path, int flags, ...) {
-  if (fault::take(fault::call::open))
-    return -1;
-  mode_t mode = 0;
-  if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
-    va_list ap;
-    va_start(ap, flags);
-    mode = static_cast<mode_t>(va_arg(ap, int));
-    va_end(ap);
-  }
-  return __real_open(path, flags, mode);
-}
-
-int __real_fcntl(int fd, int cmd, ...);
-int __wrap_fcntl(int fd, int cmd, ...) {
-  if (fault::take(fault::call::fcntl))
-    return -1;
-  va_list ap;
-  va_start(ap, cmd);
-  const long arg = va_arg(ap, long);  // unused by commands without an argument
-  va_end(ap);
-  return __real_fcntl(fd, cmd, arg);
-}
-
-DIR *__real_opendir(const char *path);
-DIR *__wrap_opendir(const char *path) {
-  if (fault::take(fault::call::opendir))
-    return nullptr;
-  return __real_opendir(path);
-}
-
-struct dirent *__real_readdir(DIR *dir);
-struct dirent *__wrap_readdir(DIR *dir) {
-  if (fault::take(fault::call::readdir))
-    return nullptr;
-  return __real_readdir(dir);
+  const auto &fake = fault::g_setlocale;
+  return fault::failing(fault::call::setlocale) ? nullptr
+         : fake                                 ? const_cast<char *>(*fake)
+                                                : __real_setlocale(category, locale);
 }
 
 char *__real_getcwd(char *buf, size_t size);
 char *__wrap_getcwd(char *buf, size_t size) {
   fault::g_getcwd_sizes.push_back(size);
-  if (fault::take(fault::call::getcwd))
-    return nullptr;
-  return __real_getcwd(buf, size);
+  return fault::failing(fault::call::getcwd) ? nullptr : __real_getcwd(buf, size);
 }
 
-// These two return the error number instead of setting errno.
-int __real_getpwuid_r(uid_t uid, struct passwd *pwd, char *buf, size_t size, struct passwd **result);
-int __wrap_getpwuid_r(uid_t uid, struct passwd *pwd, char *buf, size_t size, struct passwd **result) {
-  if (fault::take(fault::call::getpwuid_r)) {
-    *result = nullptr;
-    return errno;
-  }
-  return __real_getpwuid_r(uid, pwd, buf, size, result);
+// open and fcntl take a third argument only for some requests.
+int __real_open(const char *path, int flags, ...);
+int __wrap_open(const char *path, int flags, ...) {
+  va_list ap;
+  va_start(ap, flags);
+  const bool has_mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+  const auto mode = static_cast<mode_t>(has_mode ? va_arg(ap, int) : 0);
+  va_end(ap);
+  return fault::failing(fault::call::open) ? -1 : __real_open(path, flags, mode);
 }
-
-int __real_getgrgid_r(gid_t gid, struct group *grp, char *buf, size_t size, struct group **result);
-int __wrap_getgrgid_r(gid_t gid, struct group *grp, char *buf, size_t size, struct group **result) {
-  if (fault::take(fault::call::getgrgid_r)) {
-    *result = nullptr;
-    return errno;
-  }
-  return __real_getgrgid_r(gid, grp, buf, size, result);
+int __real_fcntl(int fd, int cmd, ...);
+int __wrap_fcntl(int fd, int cmd, ...) {
+  va_list ap;
+  va_start(ap, cmd);
+  const long arg = va_arg(ap, long);  // unused by commands without an argument
+  va_end(ap);
+  return fault::failing(fault::call::fcntl) ? -1 : __real_fcntl(fd, cmd, arg);
 }
-
 }  // extern "C"

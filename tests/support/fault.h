@@ -7,16 +7,17 @@
 #define VEXO_TESTS_FAULT_H
 
 #include <gtest/gtest.h>
+#include <vexo/vexo_core.h>
 
 #include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
+#include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace fault {
-
-// ---- Allocation ----------------------------------------------------------
 
 // While alive, the core allocator is the harness's: the k-th allocation (or
 // reallocation) made in its lifetime fails; k = 0 never fails.
@@ -27,61 +28,51 @@ class alloc_scope {
   alloc_scope(const alloc_scope &) = delete;
   alloc_scope &operator=(const alloc_scope &) = delete;
 
-  // Runs before every allocation of the scope with its number (1, 2, ...),
-  // e.g. to change what the code under test is reading meanwhile.
-  void on_allocation(std::function<void(long)> hook);
+  // Runs before every allocation of the scope with its number (1, 2, ...).
+  void on_allocation(std::function<void(long)> hook) { hook_ = std::move(hook); }
+  bool injected() const { return injected_; }  // the k-th allocation was reached and failed
+  long allocations() const { return count_; }  // allocations attempted, the failed one included
+  long live() const { return static_cast<long>(live_.size()); }  // blocks made here and not yet freed
 
-  bool injected() const;     // the k-th allocation was reached and failed
-  long allocations() const;  // allocations attempted, the failed one included
-  long live() const;         // blocks made in this scope and not yet freed
+ private:
+  friend struct allocator;
+  long fail_at_, count_ = 0;
+  bool injected_ = false;
+  std::unordered_set<void *> live_;
+  std::function<void(long)> hook_;
 };
 
 // Runs `attempt` with allocation k failing, k = 1, 2, ... until an attempt
-// goes through without reaching its k-th allocation. After each attempt no
-// block may be live (the attempt frees what it was handed on success).
-// `attempt` receives the scope and checks codes and out-parameters itself.
-// Returns the number of allocations the successful attempt made.
+// goes through without reaching its k-th allocation; after each attempt no
+// block may be live. Returns the allocations of the successful attempt.
 long alloc_sweep(const std::function<void(alloc_scope &)> &attempt, long limit = 100000);
 
-// ---- System calls ----------------------------------------------------------
-
-enum class call {
-  close,
-  nl_langinfo,
-  setlocale,
-  stat,
-  unlink,
-  rmdir,
-  rename,
-  mkdir,
-  chdir,
-  getcwd,
-  getgroups,
-  sysconf,
-  getpwuid_r,
-  getgrgid_r,
-  open,
-  lseek,
-  fstat,
-  fcntl,
-  opendir,
-  readdir,
-  closedir,
-  fork,
-  pipe,
-  pipe2,
-  dup,
-  dup2,
-  waitpid,
-  kill,
-  posix_spawn,  // fails by returning the error number, as it does
-  count_
+// What an operation handing out a string gave: its code, and its text ("" on failure).
+struct result {
+  vexo_t_error_code rc;
+  std::string text;
+  bool operator==(const result &) const = default;
 };
+void PrintTo(const result &r, std::ostream *os);
+// Runs op(&out): a failure must leave `out` untouched; a success's string is freed.
+result take(const std::function<vexo_t_error_code(char **)> &op);
+// The allocation sweep of `op`: VEXO_E_OUT_OF_MEMORY whenever an allocation
+// failed, `want` otherwise. Returns the allocations `want` takes.
+long oom_sweep(const std::function<result()> &op, const result &want);
+
+// clang-format off
+#define FAULT_CALLS(X) X(close) X(nl_langinfo) X(setlocale) X(stat) X(unlink) X(rmdir) X(rename) X(mkdir) \
+  X(chdir) X(getcwd) X(getgroups) X(sysconf) X(getpwuid_r) X(getgrgid_r) X(open) X(lseek) X(fstat) X(fcntl) \
+  X(opendir) X(readdir) X(closedir) X(fork) X(pipe) X(pipe2) X(dup) X(dup2) X(waitpid) X(kill) X(posix_spawn)
+#define FAULT_ENUMERATOR(name) name,
+enum class call { FAULT_CALLS(FAULT_ENUMERATOR) count_ };
+#undef FAULT_ENUMERATOR
+// clang-format on
 
 // The next `times` calls of `c` fail with `err`, then calls go through again.
 // A failing call returns what the real one returns on failure: -1 with errno
 // set, null with errno set for pointer results, and the error number itself
-// for getpwuid_r/getgrgid_r. `err` may be 0 (sysconf's "no limit").
+// for getpwuid_r, getgrgid_r and posix_spawn. `err` may be 0 (sysconf's "no limit").
 void fail(call c, int err, int times = 1);
 // Calls of `c` made since the last reset (armed or not).
 int calls(call c);
@@ -102,10 +93,22 @@ class Test : public ::testing::Test {
   void TearDown() override { reset(); }
 };
 
-// ---- Descriptors ------------------------------------------------------------
-
 // Open descriptors of this process, from /proc/self/fd.
 int open_fds();
+
+// A Test that also fails when it leaves more or fewer descriptors open than it found.
+class FdTest : public Test {
+ protected:
+  void SetUp() override {
+    fds_ = open_fds();
+    Test::SetUp();
+  }
+  void TearDown() override {
+    Test::TearDown();
+    EXPECT_EQ(open_fds(), fds_) << "descriptor leaked";
+  }
+  int fds_ = 0;
+};
 
 }  // namespace fault
 

@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <ftw.h>
 #include <functional>
 #include <grp.h>
@@ -36,11 +37,8 @@ class dir {
  public:
   dir() {
     char tmpl[] = "/tmp/vexo-XXXXXX";
-    char *real = mkdtemp(tmpl) != nullptr ? realpath(tmpl, nullptr) : nullptr;
-    EXPECT_NE(real, nullptr) << "no scratch directory";
-    path_ = real != nullptr ? real : "/nonexistent";
-    std::free(real);
-    chmod(path_.c_str(), 0755);
+    EXPECT_TRUE(mkdtemp(tmpl) != nullptr && chmod(tmpl, 0755) == 0) << "no scratch directory";
+    path_ = std::filesystem::weakly_canonical(tmpl);
   }
   ~dir() {
     nftw(
@@ -77,7 +75,7 @@ inline std::optional<long> as_ids(uid_t euid, gid_t egid, const std::vector<gid_
   if (pipe(fds) != 0)
     return std::nullopt;
   const pid_t pid = fork();
-  if (pid == 0) {
+  if (pid == 0) {  // LONG_MIN: the ids could not be taken
     long v = LONG_MIN;
     if (setgroups(groups.size(), groups.data()) == 0 && setegid(egid) == 0 && seteuid(euid) == 0)
       v = fn();
