@@ -113,16 +113,20 @@ VEXO_WHOLE_BLOCKS int vexo::ascii_through_nul_sse2(const char *block) noexcept {
 __attribute__((target("avx2"))) VEXO_WHOLE_BLOCKS int vexo::ascii_through_nul_avx2(
     const char *block) noexcept {
   unsigned m;
-  if ((reinterpret_cast<uintptr_t>(block) & 31) != 0) {
+  for (; (reinterpret_cast<uintptr_t>(block) & 63) != 0; block += 16) {
     if ((m = vexo::ascii_stops(block)) != 0)
       return nul_first(block, m);
-    block += 16;
   }
   const __m256i zero = _mm256_setzero_si256();
-  for (;; block += 32) {
-    const __m256i bytes = _mm256_load_si256(reinterpret_cast<const __m256i *>(block));
-    if ((m = ~static_cast<unsigned>(_mm256_movemask_epi8(_mm256_cmpgt_epi8(bytes, zero)))) != 0)
-      return nul_first(block, m);
+  for (;; block += 64) {
+    const __m256i lo = _mm256_cmpgt_epi8(_mm256_load_si256(reinterpret_cast<const __m256i *>(block)), zero);
+    const __m256i hi =
+        _mm256_cmpgt_epi8(_mm256_load_si256(reinterpret_cast<const __m256i *>(block + 32)), zero);
+    if (static_cast<unsigned>(_mm256_movemask_epi8(_mm256_and_si256(lo, hi))) != 0xFFFFFFFFu) {
+      if ((m = ~static_cast<unsigned>(_mm256_movemask_epi8(lo))) != 0)
+        return nul_first(block, m);
+      return nul_first(block + 32, ~static_cast<unsigned>(_mm256_movemask_epi8(hi)));
+    }
   }
 }
 
