@@ -5,28 +5,13 @@
 // The first byte picks an allocation to fail, which must leave nothing
 // written and nothing allocated.
 #include "fuzz_util.h"
-#include "unix/unix_internal.h"
-
 #include "icu_utf8.h"
+#include "unix/unix_internal.h"
 
 #include <unicode/normalizer2.h>
 #include <unicode/unistr.h>
 
-#include <cstring>
-
-namespace {
-
-std::string icu_nfc(const std::string &s) {
-  UErrorCode status = U_ZERO_ERROR;
-  const icu::Normalizer2 *nfc = icu::Normalizer2::getNFCInstance(status);
-  fuzz::check(U_SUCCESS(status));
-  const icu::UnicodeString composed = nfc->normalize(icu::UnicodeString::fromUTF8(s), status);
-  fuzz::check(U_SUCCESS(status));
-  std::string out;
-  return composed.toUTF8String(out);
-}
-
-}  // namespace
+#include <algorithm>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0 || size > 4096)
@@ -34,12 +19,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   fuzz::allocations::install();
   const std::string name(reinterpret_cast<const char *>(data) + 1,
                          strnlen(reinterpret_cast<const char *>(data) + 1, size - 1));
-  const auto *bytes = reinterpret_cast<const uint8_t *>(name.data());
-  bool ascii = true;
-  for (const char c : name)
-    ascii = ascii && static_cast<unsigned char>(c) < 0x80;
-  const bool legal = icu_legal(bytes, name.size());
-  const std::string nfc = legal ? icu_nfc(name) : "";
+  const bool ascii =
+      std::all_of(name.begin(), name.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  const bool legal = icu_legal(reinterpret_cast<const uint8_t *>(name.data()), name.size());
+  UErrorCode status = U_ZERO_ERROR;
+  std::string nfc;
+  if (legal)
+    icu::Normalizer2::getNFCInstance(status)
+        ->normalize(icu::UnicodeString::fromUTF8(name), status)
+        .toUTF8String(nfc);
+  fuzz::check(U_SUCCESS(status));
 
   for (vexo_t_bits o = 0; o < 16; o += (o & 1) != 0 ? 3 : 1) {  // 0, 1, 4, 5, 8, 9, 12, 13
     const bool no_copy = (o & VEXO_FILE_NAME_OPTION_NO_COPY) != 0;

@@ -1,12 +1,9 @@
 // The access test: type rules, permissions by class, the creation test on
 // the parent directory, and its failure paths.
-#include <gtest/gtest.h>
-
 #include "fault.h"
 #include "scratch.h"
 #include "unix/unix_internal.h"
 
-#include <string>
 #include <tuple>
 
 namespace {
@@ -87,26 +84,21 @@ TEST_F(Access, Rules) {
 }
 
 TEST_F(Access, CreationTestEdges) {
-  // The root exists; pretend it does not to reach the creation test.
-  fault::fail(fault::call::stat, ENOENT);
-  EXPECT_EQ(test_access("/", kCreate), kNotFound);
-  EXPECT_EQ(fault::calls(fault::call::stat), 1);
-  for (const char *relative : {"vexo-no-such-name", "vexo-no-such-dir/new", "./vexo-no-such-name"}) {
+  // path, stat failures injected (errno, times), result, stat calls
+  const std::tuple<std::string, int, int, vexo_t_error_code, int> rows[] = {
+      {"/", ENOENT, 1, kNotFound, 1},  // the root exists; pretend it does not to reach the creation test
+      {"vexo-no-such-name", 0, 0, kNotFound, 1},
+      {"vexo-no-such-dir/new", 0, 0, kNotFound, 1},
+      {"./vexo-no-such-name", 0, 0, kNotFound, 1},
+      // The parent keeps its slash, so the system itself refuses a non-directory.
+      {at("f/new"), ENOENT, 1, vexo_map_unix_error(ENOTDIR, kNotFound), 2},
+      {at("w/new"), EINTR, 3, kOk, 5}};
+  for (const auto &[path, err, times, want, stats] : rows) {
     fault::reset();
-    EXPECT_EQ(test_access(relative, kCreate), kNotFound) << relative;
-    EXPECT_EQ(fault::calls(fault::call::stat), 1);
+    fault::fail(fault::call::stat, err, times);
+    EXPECT_EQ(test_access(path, kCreate), want) << path;
+    EXPECT_EQ(fault::calls(fault::call::stat), stats) << path;
   }
-  // The parent keeps its slash, so the system itself refuses a non-directory.
-  fault::reset();
-  fault::fail(fault::call::stat, ENOENT);
-  EXPECT_EQ(test_access(at("f/new"), kCreate), vexo_map_unix_error(ENOTDIR, kNotFound));
-  EXPECT_EQ(fault::calls(fault::call::stat), 2);
-
-  fault::reset();
-  fault::fail(fault::call::stat, EINTR, 3);
-  EXPECT_EQ(test_access(at("w/new"), kCreate), kOk);
-  EXPECT_EQ(fault::calls(fault::call::stat), 5);
-
   // The parent of /x is the root itself.
   struct stat root {};
   ASSERT_EQ(stat("/", &root), 0);

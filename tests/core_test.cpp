@@ -1,8 +1,4 @@
-// Result codes, the errno mapping, the allocator, buffers, socket close and path roots.
-#include <gtest/gtest.h>
-
-#include <vexo/vexo_core.h>
-
+// Result codes, the errno mapping, the allocator, buffers and socket close.
 #include "fault.h"
 
 #include <cerrno>
@@ -10,10 +6,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <set>
-#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
@@ -188,12 +182,6 @@ TEST_F(SocketClose, ClosesOnceMapsFailuresAndNeverRepeatsAnInterruptedClose) {
   }
   fault::reset();
   close(fds[1]);
-}
-
-TEST(PathRootLen, OnlyALeadingSlash) {
-  for (const auto &[path, want] : {std::pair{"/", 1}, {"//net/x", 1}, {"usr/bin", 0}, {"", 0}})
-    EXPECT_EQ(vexo_path_root_len(path), want) << path;
-  EXPECT_EQ(vexo_path_root_len(nullptr), VEXO_E_PARAMETER_ERROR);
 }
 
 }  // namespace

@@ -1,6 +1,4 @@
 // User and group names of numeric ids.
-#include <gtest/gtest.h>
-
 #include "fault.h"
 #include "unix/unix_internal.h"
 

@@ -1,15 +1,10 @@
 // Name and text conversion, the locale's character set, the path root and the ASCII scan.
-#include <gtest/gtest.h>
-
 #include "fault.h"
 #include "unix/unix_internal.h"
 
 #include <cstring>
 #include <langinfo.h>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
+#include <tuple>
 
 namespace {
 
@@ -149,15 +144,16 @@ TEST_F(DefaultCharset, RealLocaleAndAllocationFailure) {
   EXPECT_EQ(fault::oom_sweep(charset, {kOk, "UTF-8"}), 1);
 }
 
+// The core's root length and the Unix one, which also tells a relative path.
 TEST(PathRoot, OneLeadingSlash) {
-  for (const auto &[p, want] : {std::pair{"/", 1},
-                                {"//server/x", 1},
-                                {"/a/b", 1},
-                                {"", VEXO_E_FILE_NOT_ABSOLUTE},
-                                {"a/b", VEXO_E_FILE_NOT_ABSOLUTE},
-                                {" /x", VEXO_E_FILE_NOT_ABSOLUTE},
-                                {nullptr, VEXO_E_PARAMETER_ERROR}})
-    EXPECT_EQ(vexo_unix_path_root_len(p), want) << (p ? p : "(null)");
+  constexpr int kRel = VEXO_E_FILE_NOT_ABSOLUTE, kNull = VEXO_E_PARAMETER_ERROR;
+  const std::tuple<const char *, int, int> rows[] = {
+      {"/", 1, 1},      {"//server/x", 1, 1}, {"/a/b", 1, 1},         {"", 0, kRel},
+      {"a/b", 0, kRel}, {" /x", 0, kRel},     {nullptr, kNull, kNull}};
+  for (const auto &[p, core, os] : rows) {
+    EXPECT_EQ(vexo_path_root_len(p), core) << (p ? p : "(null)");
+    EXPECT_EQ(vexo_unix_path_root_len(p), os) << (p ? p : "(null)");
+  }
 }
 
 // The NUL at every distance from every start offset in the aligned 64 bytes, with a

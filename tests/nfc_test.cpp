@@ -1,26 +1,18 @@
 // NFC normalisation, checked against Unicode's own conformance data.
-#include <gtest/gtest.h>
-
 #include "fault.h"
 #include "unix/unix_internal.h"
 
-#include <cstdio>
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
-#include <string>
 #include <unordered_set>
-#include <vector>
+#include <unicode/unistr.h>
 
 namespace {
 
 std::string utf8(char32_t c) {
-  if (c < 0x80)
-    return std::string(1, static_cast<char>(c));
-  const int extra = c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;
-  std::string s(1, static_cast<char>(((0xFF00u >> (extra + 1)) & 0xFFu) | (c >> (6 * extra))));
-  for (int i = extra - 1; i >= 0; --i)
-    s += static_cast<char>(0x80u | ((c >> (6 * i)) & 0x3Fu));
-  return s;
+  std::string s;
+  return icu::UnicodeString(static_cast<UChar32>(c)).toUTF8String(s);
 }
 
 fault::result nfc(const std::string &in) {
