@@ -10,8 +10,6 @@
 
 #include <algorithm>
 
-namespace {
-
 using fuzz::check;
 using fuzz::entries;
 using texts = std::vector<std::string>;
@@ -70,8 +68,6 @@ void key_order(const texts &keys) {
     }
   }
 }
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0 || size > 1024)

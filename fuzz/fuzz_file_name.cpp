@@ -39,22 +39,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const bool failed_alloc = fuzz::allocations::failing(
         data[0] % 4, [&] { rc = vexo_file_name_from_os_unix(name.c_str(), &out, o); });
     if (rc < 0) {
-      fuzz::check(out == untouched && fuzz::allocations::live == live);
-      fuzz::check(rc == (failed_alloc ? VEXO_E_OUT_OF_MEMORY : VEXO_E_ENCODING_INVALID));
-      fuzz::check(failed_alloc || (!legal && (o & VEXO_FILE_NAME_OPTION_LATIN1_FALLBACK) == 0));
+      fuzz::check(out == untouched && fuzz::allocations::live == live &&
+                  rc == (failed_alloc ? VEXO_E_OUT_OF_MEMORY : VEXO_E_ENCODING_INVALID) &&
+                  (failed_alloc || (!legal && (o & VEXO_FILE_NAME_OPTION_LATIN1_FALLBACK) == 0)));
       continue;
     }
-    const bool lent = out == name.c_str();
+    const bool lent = out == name.c_str(),
+               plain = ascii || (legal && (o & VEXO_FILE_NAME_OPTION_NO_NFC) != 0);
     const std::string got(out);
-    if (ascii || (legal && (o & VEXO_FILE_NAME_OPTION_NO_NFC) != 0)) {
-      fuzz::check(rc == 0 && got == name && lent == no_copy);
-    } else if (legal) {
-      // A normalisation that failed (here: its allocation) hands back the name itself.
-      const bool normalised = got == nfc && !lent;
-      fuzz::check(rc == 0 && (normalised || (failed_alloc && got == name && lent == no_copy)));
-    } else {
-      fuzz::check(rc == 1 && got == fuzz::latin1(name) && !lent);
-    }
+    // A normalisation that failed (here: its allocation) hands back the name itself.
+    fuzz::check(plain ? rc == 0 && got == name && lent == no_copy
+                : legal
+                    ? rc == 0 && ((got == nfc && !lent) || (failed_alloc && got == name && lent == no_copy))
+                    : rc == 1 && got == fuzz::latin1(name) && !lent);
     if (!lent)
       vexo_free(out);
     fuzz::check(fuzz::allocations::live == live);

@@ -64,16 +64,14 @@ inline entries read_block(char **env, size_t size, bool exact = true) {
   check((n + 1) * sizeof(char *) <= size);
   const char *low = reinterpret_cast<const char *>(env + n + 1);
   const char *const end = reinterpret_cast<const char *>(env) + size;
-  const auto text = [&](const char *s) {  // the NUL-terminated string at s, ending inside the block
-    check(s >= low && s < end);
-    const size_t len = strnlen(s, static_cast<size_t>(end - s));
-    check(s + len < end);
-    return low = s + len + 1, std::string(s, len);
+  const auto nul = [end](const char *s) {
+    return static_cast<const char *>(std::memchr(s, 0, static_cast<size_t>(end - s)));
   };
   entries out;
   for (size_t i = 0; i < n; ++i) {
-    std::string key = text(env[i]);
-    out.emplace_back(std::move(key), text(low));
+    const char *key = env[i], *mid = key >= low && key < end ? nul(key) : nullptr;
+    check(mid != nullptr && (low = nul(mid + 1)) != nullptr);
+    out.emplace_back(std::string(key, mid), std::string(mid + 1, low++));
   }
   check(!exact || low == end);
   return out;

@@ -3,8 +3,6 @@
 
 #include <functional>
 
-namespace {
-
 char **const kUntouched = reinterpret_cast<char **>(0x1);
 using CompactEnv = EnvFixture;
 
@@ -134,5 +132,3 @@ TEST_F(CompactEnv, EmptyInputsGiveAnEmptyBlockBadArgumentsChangeNothing) {
   EXPECT_EQ(vexo_make_compact_env(none, &block, &size, 2), VEXO_E_PARAMETER_ERROR);
   EXPECT_TRUE(block == kUntouched && size == 7u);
 }
-
-}  // namespace

@@ -9,8 +9,6 @@
 #include <string>
 #include <vector>
 
-namespace {
-
 // Tallies disagreements without a gtest assertion per input, so the sweeps stay fast under ASan.
 struct disagreements {
   long count = 0;
@@ -77,5 +75,3 @@ TEST(Utf8Edges, NulsSizesAndNull) {
   EXPECT_EQ(vexo_is_legal_utf8_string(nullptr, 0, 0), VEXO_S_NOERR);
   EXPECT_EQ(vexo_is_legal_utf8_string(nullptr, 1, 0), VEXO_E_PARAMETER_ERROR);
 }
-
-}  // namespace

@@ -57,9 +57,7 @@ class dir {
     const int rc = kind == 'd'   ? mkdir(p.c_str(), 0700)
                    : kind == 'p' ? mkfifo(p.c_str(), 0600)
                                  : close(open(p.c_str(), O_CREAT | O_WRONLY, 0600));
-    EXPECT_EQ(rc, 0) << p;
-    EXPECT_EQ(chown(p.c_str(), uid, gid), 0) << p;
-    EXPECT_EQ(chmod(p.c_str(), mode), 0) << p;
+    EXPECT_TRUE(rc == 0 && chown(p.c_str(), uid, gid) == 0 && chmod(p.c_str(), mode) == 0) << p;
     return p;
   }
 
