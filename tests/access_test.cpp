@@ -1,5 +1,4 @@
-// The access test: type rules, permissions by class, the creation test on
-// the parent directory, and its failure paths.
+// The access test: type rules, permissions by class, creation judged by the parent.
 #include "fault.h"
 #include "scratch.h"
 #include "unix/unix_internal.h"

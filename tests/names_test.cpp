@@ -71,7 +71,6 @@ const row kRows[] = {
 };
 // clang-format on
 
-// Each row as given (code, bytes, pointer identity) and under every allocation failure.
 TEST(Conversions, ResultsAndEveryAllocationFailure) {
   for (const row &r : kRows) {
     SCOPED_TRACE(::testing::PrintToString(r.in) + ", options " + std::to_string(r.options));

@@ -1,5 +1,4 @@
-// Delete, rename, create directory, the working directory and the temporary
-// directory, on a scratch directory and with injected failures.
+// Delete, rename, create directory, the working and the temporary directory.
 #include "fault.h"
 #include "scratch.h"
 #include "unix/unix_internal.h"

@@ -1,5 +1,4 @@
-// File status: permission and caller bits, the record's fields, and the
-// failure paths (interrupted and failing stat, getgroups, allocation).
+// File status: permission and caller bits, the record's fields, the failure paths.
 #include "fault.h"
 #include "scratch.h"
 #include "unix/unix_internal.h"

@@ -31,8 +31,8 @@ constexpr gid_t kGid = 4242;
   if (geteuid() != 0) \
   GTEST_SKIP() << "needs root to chown and change ids"
 
-// A fresh directory under /tmp (resolved, as getcwd reports it), readable by
-// children with other ids, removed with its contents.
+// A fresh directory under /tmp (resolved, as getcwd reports it), readable
+// under other ids, removed with its contents.
 class dir {
  public:
   dir() {
