@@ -4,8 +4,6 @@
 #include "fuzz_util.h"
 #include "unix/unix_internal.h"
 
-#include <cstring>
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0 || size > 4096)
     return 0;
@@ -19,25 +17,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   for (const std::string &p : pieces) {
     if (p.empty())
       continue;
-    vexo_t_property e{};
     const unsigned pick = static_cast<unsigned char>(p[0]) % 16;
+    vexo_t_property &e = list.emplace_back();
     e.key = pick < 10 ? (pick % 2 != 0 ? "file" : "string") : others[pick - 10];
     e.v.u.string = p.c_str() + 1;
     known = known && pick < 10;
     want += e.v.u.string;
-    list.push_back(e);
   }
-  list.push_back(vexo_t_property{});
-
+  list.emplace_back();
   const long live = fuzz::allocations::live;
   char *got = nullptr;
   const bool failed_alloc = fuzz::allocations::failing(
       data[0] % 4, [&] { got = vexo::vexo_unix_alloc_argv_entry_string(list.data()); });
-  fuzz::check((got != nullptr) == (known && !failed_alloc));
-  if (got != nullptr) {
-    fuzz::check(want == got);
-    vexo_free(got);
-  }
+  fuzz::check((got != nullptr) == (known && !failed_alloc) && (got == nullptr || want == got));
+  vexo_free(got);
   fuzz::check(fuzz::allocations::live == live);
   return 0;
 }

@@ -27,12 +27,8 @@ inline std::string latin1(const std::string &s) {
   std::string out;
   for (const char c : s) {
     const auto b = static_cast<unsigned char>(c);
-    if (b < 0x80) {
-      out += c;
-    } else {
-      out += static_cast<char>(0xC0 | (b >> 6));
-      out += static_cast<char>(0x80 | (b & 0x3F));
-    }
+    out += b < 0x80 ? std::string(1, c)
+                    : std::string{static_cast<char>(0xC0 | (b >> 6)), static_cast<char>(0x80 | (b & 0x3F))};
   }
   return out;
 }
@@ -40,16 +36,23 @@ inline std::string latin1(const std::string &s) {
 // The input cut at every `sep` byte and every NUL; always at least one piece.
 inline std::vector<std::string> split(const uint8_t *data, size_t size, uint8_t sep) {
   std::vector<std::string> pieces(1);
-  for (size_t i = 0; i < size; ++i) {
-    if (data[i] == sep || data[i] == 0)
-      pieces.emplace_back();
-    else
-      pieces.back() += static_cast<char>(data[i]);
-  }
+  for (size_t i = 0; i < size; ++i)
+    data[i] == sep || data[i] == 0 ? pieces.emplace_back() : pieces.back() += static_cast<char>(data[i]);
   return pieces;
 }
 
 using entries = std::vector<std::pair<std::string, std::string>>;
+
+// The KEY=VALUE texts that have a key, split at their first '='.
+inline entries entries_of(const std::vector<std::string> &texts) {
+  entries out;
+  for (const std::string &t : texts) {
+    const size_t eq = t.find('=');
+    if (eq != 0 && !t.empty())
+      out.emplace_back(t.substr(0, eq), eq == std::string::npos ? "" : t.substr(eq + 1));
+  }
+  return out;
+}
 
 // The keys and values of a compact environment, checking its layout on the
 // way: pointer array first, then the entries in its order, each inside the
@@ -61,17 +64,14 @@ inline entries read_block(char **env, size_t size, bool exact = true) {
   check((n + 1) * sizeof(char *) <= size);
   const char *low = reinterpret_cast<const char *>(env + n + 1);
   const char *const end = reinterpret_cast<const char *>(env) + size;
+  const auto nul = [end](const char *s) {
+    return static_cast<const char *>(std::memchr(s, 0, static_cast<size_t>(end - s)));
+  };
   entries out;
   for (size_t i = 0; i < n; ++i) {
-    const char *key = env[i];
-    check(key >= low && key < end);
-    const size_t key_len = strnlen(key, static_cast<size_t>(end - key));
-    const char *value = key + key_len + 1;
-    check(value < end);
-    const size_t value_len = strnlen(value, static_cast<size_t>(end - value));
-    check(value + value_len < end);
-    out.emplace_back(std::string(key, key_len), std::string(value, value_len));
-    low = value + value_len + 1;
+    const char *key = env[i], *mid = key >= low && key < end ? nul(key) : nullptr;
+    check(mid != nullptr && (low = nul(mid + 1)) != nullptr);
+    out.emplace_back(std::string(key, mid), std::string(mid + 1, low++));
   }
   check(!exact || low == end);
   return out;
@@ -82,17 +82,9 @@ struct allocations {
   static inline long until_failure = 0;  // the request that many from now fails; 0: none does
 
   static bool fail_now() { return until_failure > 0 && --until_failure == 0; }
-  static void *take(size_t n) {
-    if (fail_now())
-      return nullptr;
-    ++live;
-    return std::malloc(n);
-  }
+  static void *take(size_t n) { return fail_now() ? nullptr : (++live, std::malloc(n)); }
   static void *resize(void *p, size_t n) { return fail_now() ? nullptr : std::realloc(p, n); }
-  static void give_back(void *p) {
-    --live;
-    std::free(p);
-  }
+  static void give_back(void *p) { --live, std::free(p); }
   // Runs `call` with the `nth` request from now failing (0: none); whether it failed one.
   template <class Call>
   static bool failing(long nth, Call call) {

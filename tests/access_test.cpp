@@ -1,15 +1,9 @@
-// The access test: type rules, permissions by class, the creation test on
-// the parent directory, and its failure paths.
-#include <gtest/gtest.h>
-
+// The access test: type rules, permissions by class, creation judged by the parent.
 #include "fault.h"
 #include "scratch.h"
 #include "unix/unix_internal.h"
 
-#include <string>
 #include <tuple>
-
-namespace {
 
 using scratch::kGid, scratch::kMe, scratch::kUid;
 constexpr vexo_t_bits kX = VEXO_ACCESS_OPTION_EXECUTE, kW = VEXO_ACCESS_OPTION_WRITE,
@@ -81,42 +75,32 @@ TEST_F(Access, Rules) {
   }
   // Without a permission to check, a non-owner's class is never asked for.
   fault::reset();
-  EXPECT_EQ(test_access(at("d0"), kDir | kX), kOk);
-  EXPECT_EQ(test_access(at("zero"), kS), kOk);
-  EXPECT_EQ(fault::calls(fault::call::getgroups), 0);
+  EXPECT_TRUE(test_access(at("d0"), kDir | kX) == kOk && test_access(at("zero"), kS) == kOk &&
+              fault::calls(fault::call::getgroups) == 0);
 }
 
-TEST_F(Access, CreationTestEdges) {
-  // The root exists; pretend it does not to reach the creation test.
-  fault::fail(fault::call::stat, ENOENT);
-  EXPECT_EQ(test_access("/", kCreate), kNotFound);
-  EXPECT_EQ(fault::calls(fault::call::stat), 1);
-  for (const char *relative : {"vexo-no-such-name", "vexo-no-such-dir/new", "./vexo-no-such-name"}) {
+TEST_F(Access, CreationTestEdgesAndClassFailures) {
+  // path, stat failures injected (errno, times), result, stat calls
+  const std::tuple<std::string, int, int, vexo_t_error_code, int> rows[] = {
+      {"/", ENOENT, 1, kNotFound, 1},  // the root exists; pretend it does not to reach the creation test
+      {"vexo-no-such-name", 0, 0, kNotFound, 1},
+      {"vexo-no-such-dir/new", 0, 0, kNotFound, 1},
+      {"./vexo-no-such-name", 0, 0, kNotFound, 1},
+      // The parent keeps its slash, so the system itself refuses a non-directory.
+      {at("f/new"), ENOENT, 1, vexo_map_unix_error(ENOTDIR, kNotFound), 2},
+      {at("w/new"), EINTR, 3, kOk, 5}};
+  for (const auto &[path, err, times, want, stats] : rows) {
     fault::reset();
-    EXPECT_EQ(test_access(relative, kCreate), kNotFound) << relative;
-    EXPECT_EQ(fault::calls(fault::call::stat), 1);
+    fault::fail(fault::call::stat, err, times);
+    EXPECT_EQ(test_access(path, kCreate), want) << path;
+    EXPECT_EQ(fault::calls(fault::call::stat), stats) << path;
   }
-  // The parent keeps its slash, so the system itself refuses a non-directory.
-  fault::reset();
-  fault::fail(fault::call::stat, ENOENT);
-  EXPECT_EQ(test_access(at("f/new"), kCreate), vexo_map_unix_error(ENOTDIR, kNotFound));
-  EXPECT_EQ(fault::calls(fault::call::stat), 2);
-
-  fault::reset();
-  fault::fail(fault::call::stat, EINTR, 3);
-  EXPECT_EQ(test_access(at("w/new"), kCreate), kOk);
-  EXPECT_EQ(fault::calls(fault::call::stat), 5);
-
-  // The parent of /x is the root itself.
   struct stat root {};
   ASSERT_EQ(stat("/", &root), 0);
-  if (root.st_uid == geteuid()) {
-    EXPECT_EQ(test_access("/vexo-no-such-name-" + std::to_string(getpid()), kCreate),
-              (root.st_mode & S_IWUSR) != 0 ? kOk : kDenied);
-  }
-}
-
-TEST_F(Access, ClassFailures) {
+  EXPECT_TRUE(root.st_uid != geteuid() ||  // the parent of /x is the root itself
+              test_access("/vexo-no-such-name-" + std::to_string(getpid()), kCreate) ==
+                  ((root.st_mode & S_IWUSR) != 0 ? kOk : kDenied));
+  fault::reset();
   fault::fail(fault::call::getgroups, ESTALE);
   EXPECT_EQ(test_access(at("zero"), kR), VEXO_E_OS_ERROR);
   for (const char *path : {"zero", "og/new"}) {
@@ -124,5 +108,3 @@ TEST_F(Access, ClassFailures) {
     EXPECT_EQ(fault::oom_sweep(op, {kDenied, ""}), 2) << path << ": the private name and the group list";
   }
 }
-
-}  // namespace

@@ -3,8 +3,6 @@
 
 #include <functional>
 
-namespace {
-
 char **const kUntouched = reinterpret_cast<char **>(0x1);
 using CompactEnv = EnvFixture;
 
@@ -23,17 +21,40 @@ struct compact {  // made from "KEY=VALUE" entries, freed with its scope
 };
 
 using producer = std::function<vexo_t_error_code(char ***, size_t *)>;
-pairs take(const producer &produce) {  // what a producer made, read back and freed
-  char **env = nullptr;
-  size_t size = 0;
-  const vexo_t_error_code rc = produce(&env, &size);
-  EXPECT_EQ(rc, VEXO_S_NOERR);
-  const pairs out = rc == VEXO_S_NOERR ? read_block(env, size, true) : pairs{};
-  vexo_free(env);
+// What a producer made, read back (when `read`) and freed. Under every allocation failure it must fail
+// cleanly, writing nothing; `allocations`, when not 0, is how many a success takes.
+pairs take(const producer &produce, long allocations = 0, bool read = true) {
+  pairs out;
+  const long made = fault::alloc_sweep([&](fault::alloc_scope &scope) {
+    char **env = kUntouched;
+    size_t size = 7;
+    const vexo_t_error_code rc = produce(&env, &size);
+    EXPECT_TRUE(scope.injected() ? rc == VEXO_E_OUT_OF_MEMORY && env == kUntouched && size == 7u
+                                 : rc == VEXO_S_NOERR)
+        << rc;
+    if (rc == VEXO_S_NOERR)
+      out = read ? read_block(env, size, true) : pairs{}, vexo_free(env);
+  });
+  EXPECT_TRUE(allocations == 0 || made == allocations) << made << " allocations";
   return out;
 }
-pairs merge(char **one, size_t size1, char **two, size_t size2) {
-  return take([&](char ***e, size_t *s) { return vexo_merge_compact_envs(one, size1, two, size2, e, s, 0); });
+pairs merge(char **one, size_t size1, char **two, size_t size2, long allocations = 0) {
+  return take([&](char ***e, size_t *s) { return vexo_merge_compact_envs(one, size1, two, size2, e, s, 0); },
+              allocations);
+}
+vexo_t_error_code environ_form(char ***e, size_t *) {
+  return vexo_get_system_properties(e, nullptr, VEXO_SYSTEM_PROPERTIES_ENVIRON);
+}
+// Selector 12 gives the live strings unchanged, empty ones too, packed behind their pointers.
+void expect_environ_form(const std::vector<std::string> &live) {
+  char **block = nullptr;
+  ASSERT_EQ(environ_form(&block, nullptr), VEXO_S_NOERR);
+  const char *next = reinterpret_cast<const char *>(block + live.size() + 1);
+  size_t i = 0;
+  for (; block[i] != nullptr && i < live.size(); next = block[i] + std::strlen(block[i]) + 1, ++i)
+    EXPECT_TRUE(block[i] == next && block[i] == live[i]) << i;
+  EXPECT_TRUE(i == live.size() && block[i] == nullptr);
+  vexo_free(block);
 }
 
 TEST_F(CompactEnv, SystemPropertyCopiesTheLiveValue) {
@@ -51,32 +72,29 @@ TEST_F(CompactEnv, SystemPropertyCopiesTheLiveValue) {
 TEST_F(CompactEnv, SystemPropertiesInBothFormsOfTheLiveEnvironment) {
   const std::vector<std::string> live = {"A=1", "B", "=x", "", "D=a=b", "A=2", "E=", "\xE9=\xFF"};
   use(live);
-  EXPECT_EQ(take([](char ***e, size_t *s) { return vexo_get_system_properties(e, s, 4); }),
+  EXPECT_EQ(take([](char ***e, size_t *s) { return vexo_get_system_properties(e, s, 4); }, 1),
             (pairs{{"A", "1"}, {"B", ""}, {"D", "a=b"}, {"A", "2"}, {"E", ""}, {"\xE9", "\xFF"}}));
-  // Selector 12: the strings unchanged, empty ones too, packed behind their pointers.
-  char **block = nullptr;
-  ASSERT_EQ(vexo_get_system_properties(&block, nullptr, VEXO_SYSTEM_PROPERTIES_ENVIRON), VEXO_S_NOERR);
-  const char *next = reinterpret_cast<const char *>(block + live.size() + 1);
-  size_t i = 0;
-  for (; block[i] != nullptr && i < live.size(); next = block[i] + std::strlen(block[i]) + 1, ++i)
-    EXPECT_TRUE(block[i] == next && block[i] == live[i]) << i;
-  EXPECT_TRUE(i == live.size() && block[i] == nullptr);
-  vexo_free(block);
+  expect_environ_form(live);
+  take(environ_form, 1, false);
 }
 
-TEST_F(CompactEnv, MakeFromKeyNulValueEntries) {
-  const char *nul_separated[] = {"A\0001", "B\0", "\0x", "", "D\0a=b", "A\0002", "K=V\0w", nullptr};
-  EXPECT_EQ(take([&](char ***e, size_t *s) { return vexo_make_compact_env(nul_separated, e, s, 0); }),
+TEST_F(CompactEnv, MakeFromEitherEntryForm) {
+  const char *nul_form[] = {"A\0001", "B\0", "\0x", "", "D\0a=b", "A\0002", "K=V\0w", nullptr};
+  const char *eq_form[] = {"A=1", "B", "=x", "", "D=a=b", "A=2", "K=V=w", nullptr};
+  EXPECT_EQ(take([&](char ***e, size_t *s) { return vexo_make_compact_env(nul_form, e, s, 0); }, 1),
             (pairs{{"A", "1"}, {"B", ""}, {"D", "a=b"}, {"A", "2"}, {"K=V", "w"}}));
+  EXPECT_EQ(take([&](char ***e, size_t *s) { return vexo_make_compact_env(eq_form, e, s, 1); }, 1),
+            (pairs{{"A", "1"}, {"B", ""}, {"D", "a=b"}, {"A", "2"}, {"K", "V=w"}}));
 }
 
+// The merge also allocates its key index.
 TEST_F(CompactEnv, MergeKeepsTheFirstEnvironmentsEntriesAndEachOneOrder) {
   compact env1({"PATH=/bin", "A=1", "A=1b", "HOME=/root"}), none({}),
       env2({"Z=26", "A=2", "HOME=/home", "B=2", "Z=27", "PATH2=x"});
   const pairs only1 = {{"PATH", "/bin"}, {"A", "1"}, {"A", "1b"}, {"HOME", "/root"}};
   pairs want = only1;
   want.insert(want.end(), {{"Z", "26"}, {"B", "2"}, {"Z", "27"}, {"PATH2", "x"}});
-  EXPECT_EQ(merge(env1.env, env1.size, env2.env, env2.size), want);
+  EXPECT_EQ(merge(env1.env, env1.size, env2.env, env2.size, 2), want);
   for (auto [one, two] : std::vector<std::pair<char **, char **>>{
            {env1.env, nullptr}, {nullptr, env1.env}, {none.env, env1.env}, {env1.env, env1.env}})
     EXPECT_EQ(merge(one, 0, two, 0), only1);
@@ -101,8 +119,7 @@ TEST_F(CompactEnv, EmptyInputsGiveAnEmptyBlockBadArgumentsChangeNothing) {
     if (cleared)
       environ = nullptr;  // as clearenv leaves it
     EXPECT_EQ(take([](char ***e, size_t *s) { return vexo_get_system_properties(e, s, 4); }), pairs{});
-    EXPECT_EQ(take([](char ***e, size_t *s) { return *s = 8, vexo_get_system_properties(e, nullptr, 12); }),
-              pairs{});
+    expect_environ_form({});
   }
   const char *none[] = {nullptr}, *all_left_out[] = {"", "=x", nullptr};
   for (const char *const *list : std::initializer_list<const char *const *>{nullptr, none, all_left_out})
@@ -115,35 +132,3 @@ TEST_F(CompactEnv, EmptyInputsGiveAnEmptyBlockBadArgumentsChangeNothing) {
   EXPECT_EQ(vexo_make_compact_env(none, &block, &size, 2), VEXO_E_PARAMETER_ERROR);
   EXPECT_TRUE(block == kUntouched && size == 7u);
 }
-
-TEST_F(CompactEnv, EveryProducerFailsCleanlyWithoutMemory) {
-  static const char *const nul_form[] = {"A\0001", "B\0", "C\0003", nullptr};
-  static const char *const eq_form[] = {"A=1", "B", "C=3", nullptr};
-  use({"A=1", "B", "C=3"});
-  compact env1({"A=1", "B"}), env2({"B=2", "C=3"});
-  // clang-format off
-  const std::pair<long, producer> producers[] = {  // the merge also allocates its key index
-      {1, [](char ***e, size_t *s) { return vexo_get_system_properties(e, s, 4); }},
-      {1, [](char ***e, size_t *) { return vexo_get_system_properties(e, nullptr, 12); }},
-      {1, [](char ***e, size_t *s) { return vexo_make_compact_env(nul_form, e, s, 0); }},
-      {1, [](char ***e, size_t *s) { return vexo_make_compact_env(eq_form, e, s, 1); }},
-      {2, [&](char ***e, size_t *s) { return vexo_merge_compact_envs(env1.env, 0, env2.env, 0, e, s, 0); }}};
-  // clang-format on
-  for (size_t i = 0; i < std::size(producers); ++i) {
-    const long made = fault::alloc_sweep([&](fault::alloc_scope &scope) {
-      char **env = kUntouched;
-      size_t size = 7;
-      const vexo_t_error_code r = producers[i].second(&env, &size);
-      EXPECT_TRUE(scope.injected()
-                      ? r == VEXO_E_OUT_OF_MEMORY && env == kUntouched && size == 7u
-                      : r == VEXO_S_NOERR && (i == 1 || read_block(env, size, true) ==
-                                                            pairs{{"A", "1"}, {"B", ""}, {"C", "3"}}))
-          << i << ": " << r;
-      if (!scope.injected())
-        vexo_free(env);
-    });
-    EXPECT_EQ(made, producers[i].first) << i;
-  }
-}
-
-}  // namespace

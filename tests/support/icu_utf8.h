@@ -9,15 +9,10 @@
 #include <cstdint>
 
 inline bool icu_legal(const uint8_t *s, size_t size) {
-  const auto n = static_cast<int32_t>(size);
-  int32_t i = 0;
-  while (i < n) {
-    UChar32 c;
+  UChar32 c = 0;
+  for (int32_t i = 0, n = static_cast<int32_t>(size); i < n && c >= 0;)
     U8_NEXT(s, i, n, c);
-    if (c < 0)
-      return false;
-  }
-  return true;
+  return c >= 0;
 }
 
 #endif  // VEXO_TESTS_ICU_UTF8_H

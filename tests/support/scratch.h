@@ -1,5 +1,5 @@
-// A scratch directory that cleans up after itself, and a bounded child that
-// runs a check with other effective ids: what the file-system suites share.
+// A scratch directory that cleans up after itself, and a check run with other
+// effective ids: what the file-system suites share.
 #ifndef VEXO_TESTS_SCRATCH_H
 #define VEXO_TESTS_SCRATCH_H
 
@@ -31,8 +31,8 @@ constexpr gid_t kGid = 4242;
   if (geteuid() != 0) \
   GTEST_SKIP() << "needs root to chown and change ids"
 
-// A fresh directory under /tmp (resolved, as getcwd reports it), readable by
-// children with other ids, removed with its contents.
+// A fresh directory under /tmp (resolved, as getcwd reports it), readable
+// under other ids, removed with its contents.
 class dir {
  public:
   dir() {
@@ -57,9 +57,7 @@ class dir {
     const int rc = kind == 'd'   ? mkdir(p.c_str(), 0700)
                    : kind == 'p' ? mkfifo(p.c_str(), 0600)
                                  : close(open(p.c_str(), O_CREAT | O_WRONLY, 0600));
-    EXPECT_EQ(rc, 0) << p;
-    EXPECT_EQ(chown(p.c_str(), uid, gid), 0) << p;
-    EXPECT_EQ(chmod(p.c_str(), mode), 0) << p;
+    EXPECT_TRUE(rc == 0 && chown(p.c_str(), uid, gid) == 0 && chmod(p.c_str(), mode) == 0) << p;
     return p;
   }
 
@@ -67,30 +65,19 @@ class dir {
   std::string path_;
 };
 
-// `fn` in a forked child with these effective ids and supplementary groups;
-// nullopt when the ids could not be taken or the child hung (killed after 10 s).
-inline std::optional<long> as_ids(uid_t euid, gid_t egid, const std::vector<gid_t> &groups,
-                                  const std::function<long()> &fn) {
-  int fds[2];
-  if (pipe(fds) != 0)
-    return std::nullopt;
-  const pid_t pid = fork();
-  if (pid == 0) {  // LONG_MIN: the ids could not be taken
-    long v = LONG_MIN;
-    if (setgroups(groups.size(), groups.data()) == 0 && setegid(egid) == 0 && seteuid(euid) == 0)
-      v = fn();
-    _exit(write(fds[1], &v, sizeof v) == sizeof v && v != LONG_MIN ? 0 : 1);
-  }
-  close(fds[1]);
-  long v = 0;
-  pollfd p{fds[0], POLLIN, 0};
-  const bool got = pid > 0 && poll(&p, 1, 10000) == 1 && read(fds[0], &v, sizeof v) == sizeof v;
-  close(fds[0]);
-  if (pid > 0) {
-    kill(pid, SIGKILL);  // harmless once it has exited; not yet reaped, so still our child
-    waitpid(pid, nullptr, 0);
-  }
-  return got && v != LONG_MIN ? std::optional<long>(v) : std::nullopt;
+// `fn` run with these effective ids and supplementary groups, the test's own
+// put back after it; LONG_MIN when the ids could not be taken.
+inline long as_ids(uid_t euid, gid_t egid, const std::vector<gid_t> &groups,
+                   const std::function<long()> &fn) {
+  const uid_t own_euid = geteuid();
+  const gid_t own_egid = getegid();
+  std::vector<gid_t> own(static_cast<size_t>(getgroups(0, nullptr)));
+  const bool taken = getgroups(static_cast<int>(own.size()), own.data()) == static_cast<int>(own.size()) &&
+                     setgroups(groups.size(), groups.data()) == 0 && setegid(egid) == 0 && seteuid(euid) == 0;
+  const long v = taken ? fn() : LONG_MIN;
+  EXPECT_TRUE(seteuid(own_euid) == 0 && setegid(own_egid) == 0 && setgroups(own.size(), own.data()) == 0)
+      << "the test's own ids could not be put back";
+  return v;
 }
 
 }  // namespace scratch
