@@ -1,8 +1,6 @@
 // Start-up and shutdown, the initial environment and copies of the current one.
 #include "env_fixture.h"
 
-#include <signal.h>
-#include <sys/wait.h>
 #include <tuple>
 
 namespace {
@@ -98,29 +96,6 @@ TEST_F(Environ, EveryOptionBeforeDuringAndAfter) {
   const got g(kCurrent);
   EXPECT_TRUE(g.rc == VEXO_E_IMPOSSIBLE_ERROR && g.untouched());
   EXPECT_EQ(vexo_init_process_unix(0), VEXO_S_NOERR);  // even with nothing to copy
-}
-
-TEST_F(Environ, StartUpEmptiesTheZombieListAndShutdownSweepsIt) {
-  static vexo_t_os_process_handle stale[2] = {1, 2};  // not ours to free
-  vexo::zombies = stale;
-  vexo::nzombies = 2;
-  ASSERT_EQ(vexo_init_process_unix(0), VEXO_S_NOERR);
-  EXPECT_TRUE(vexo::zombies == nullptr && vexo::nzombies == 0u);
-  const pid_t ended = fork();
-  if (ended == 0)
-    _exit(0);
-  const pid_t running = fork();
-  if (running == 0)
-    _exit(static_cast<int>(sleep(20)));
-  ASSERT_TRUE(ended > 0 && running > 0);
-  siginfo_t info{};
-  EXPECT_EQ(waitid(P_PID, static_cast<id_t>(ended), &info, WEXITED | WNOWAIT), 0);  // ended, not reaped
-  EXPECT_TRUE(vexo::record_zombie(ended) == VEXO_S_NOERR && vexo::record_zombie(running) == VEXO_S_NOERR);
-  EXPECT_EQ(vexo_init_process_unix(VEXO_INIT_PROCESS_OPTION_DEINIT), VEXO_S_NOERR);
-  EXPECT_TRUE(vexo::zombies == nullptr && vexo::nzombies == 0u);
-  EXPECT_TRUE(waitpid(ended, nullptr, WNOHANG) == -1 && errno == ECHILD);
-  EXPECT_EQ(kill(running, SIGKILL), 0);
-  EXPECT_EQ(waitpid(running, nullptr, 0), running);  // forgotten, so still ours to reap
 }
 
 TEST_F(Environ, AllocationFailures) {

@@ -19,14 +19,14 @@ namespace child {
 // Parameters as property lists, one list of (key, value) entries per argument.
 using entries = std::vector<std::pair<const char *, std::string>>;
 struct args {
-  std::deque<std::string> values;
+  const std::vector<entries> source;
   std::deque<std::vector<vexo_t_property>> lists;
   std::vector<const vexo_t_property *> ptrs;
-  explicit args(const std::vector<entries> &list) {
-    for (const entries &arg : list) {
+  explicit args(const std::vector<entries> &list) : source(list) {
+    for (const entries &arg : source) {
       std::vector<vexo_t_property> &props = lists.emplace_back();
       for (const auto &[key, value] : arg)
-        props.push_back({key, {0, {values.emplace_back(value).c_str()}}});
+        props.push_back({key, {0, {value.c_str()}}});
       props.push_back({});
       ptrs.push_back(props.data());
     }

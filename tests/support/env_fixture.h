@@ -1,5 +1,6 @@
 // Arrays of our own in place of the process environment, restored after each
-// test with the back end shut down, and a reader of compact environments.
+// test with the back end shut down and every descriptor accounted for, and a
+// reader of compact environments.
 #ifndef VEXO_TESTS_ENV_FIXTURE_H
 #define VEXO_TESTS_ENV_FIXTURE_H
 
@@ -14,12 +15,12 @@
 #include <unistd.h>
 #include <vector>
 
-class EnvFixture : public fault::Test {
+class EnvFixture : public fault::FdTest {
  protected:
   void TearDown() override {
     EXPECT_EQ(vexo_init_process_unix(VEXO_INIT_PROCESS_OPTION_DEINIT), VEXO_S_NOERR);
     environ = saved_;
-    fault::Test::TearDown();
+    fault::FdTest::TearDown();
   }
   void use(std::vector<std::string> entries) {
     auto &[text, ptrs] = envs_.emplace_back(std::move(entries), std::vector<char *>{});

@@ -6,15 +6,13 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <filesystem>
 #include <grp.h>
 #include <langinfo.h>
-#include <locale.h>
 #include <pwd.h>
 #include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
-#include <unordered_set>
 
 namespace fault {
 namespace {
@@ -23,8 +21,6 @@ struct call_plan {
   int err = 0, fail_left = 0, calls = 0;
 };
 std::array<call_plan, static_cast<size_t>(call::count_)> g_calls;
-std::optional<const char *> g_nl_langinfo, g_setlocale;
-std::vector<size_t> g_getcwd_sizes;
 
 // Counts the call; true (with errno set) when it is to fail.
 bool failing(call c) {
@@ -95,12 +91,9 @@ result take(const std::function<vexo_t_error_code(char **)> &op) {
   static char untouched;
   char *out = &untouched;
   const vexo_t_error_code rc = op(&out);
-  if (rc < 0) {
-    EXPECT_EQ(out, &untouched) << "written on failure";
-    return {rc, ""};
-  }
-  result r{rc, out};
-  vexo_free(out);
+  EXPECT_TRUE(rc >= 0 || out == &untouched) << "written on failure";
+  result r{rc, rc < 0 ? "" : out};
+  vexo_free(rc < 0 ? nullptr : out);
   return r;
 }
 
@@ -119,28 +112,13 @@ int calls(call c) {
 }
 void reset() {
   g_calls = {};
-  g_nl_langinfo.reset();
-  g_setlocale.reset();
-  g_getcwd_sizes.clear();
-}
-const std::vector<size_t> &getcwd_sizes() {
-  return g_getcwd_sizes;
-}
-void fake_nl_langinfo(std::optional<const char *> answer) {
-  g_nl_langinfo = answer;
-}
-void fake_setlocale(std::optional<const char *> answer) {
-  g_setlocale = answer;
+  nl_langinfo_answer = setlocale_answer = std::nullopt;
+  getcwd_size_log.clear();
 }
 
-int open_fds() {
-  int n = -3;  // ".", ".." and the listing's own descriptor
-  DIR *d = opendir("/proc/self/fd");
-  while (d != nullptr && readdir(d) != nullptr)
-    ++n;
-  if (d != nullptr)
-    closedir(d);
-  return n;
+int open_fds() {  // listed by the C++ library, whose calls the wrappers do not see
+  const std::filesystem::directory_iterator fds("/proc/self/fd");
+  return static_cast<int>(std::distance(begin(fds), end(fds))) - 1;  // less the listing's own
 }
 
 }  // namespace fault
@@ -148,11 +126,13 @@ int open_fds() {
 // Every call of these functions in the test binary, the static library
 // included, lands here: `failed` is what a failing call returns.
 extern "C" {
-#define FAULT_WRAP(ret, name, failed, params, args)                         \
-  ret __real_##name params;                                                 \
-  ret __wrap_##name params {                                                \
-    return fault::failing(fault::call::name) ? failed : __real_##name args; \
+#define FAULT_WRAP_TO(ret, name, failed, params, forward)        \
+  ret __real_##name params;                                      \
+  ret __wrap_##name params {                                     \
+    return fault::failing(fault::call::name) ? failed : forward; \
   }
+#define FAULT_WRAP(ret, name, failed, params, args) \
+  FAULT_WRAP_TO(ret, name, failed, params, __real_##name args)
 // clang-format off
 FAULT_WRAP(int, close, -1, (int fd), (fd))
 FAULT_WRAP(int, stat, -1, (const char *path, struct stat *buf), (path, buf))
@@ -182,27 +162,17 @@ FAULT_WRAP(int, getpwuid_r, (*result = nullptr, errno), (uid_t uid, struct passw
            struct passwd **result), (uid, pwd, buf, size, result))
 FAULT_WRAP(int, getgrgid_r, (*result = nullptr, errno), (gid_t gid, struct group *grp, char *buf, size_t size,
            struct group **result), (gid, grp, buf, size, result))
-// clang-format on
 
 // These two can also give a fixed answer.
-char *__real_nl_langinfo(nl_item item);
-char *__wrap_nl_langinfo(nl_item item) {
-  const auto &fake = fault::g_nl_langinfo;
-  return fault::failing(fault::call::nl_langinfo) ? nullptr
-         : fake                                   ? const_cast<char *>(*fake)
-                                                  : __real_nl_langinfo(item);
-}
-char *__real_setlocale(int category, const char *locale);
-char *__wrap_setlocale(int category, const char *locale) {
-  const auto &fake = fault::g_setlocale;
-  return fault::failing(fault::call::setlocale) ? nullptr
-         : fake                                 ? const_cast<char *>(*fake)
-                                                : __real_setlocale(category, locale);
-}
+FAULT_WRAP_TO(char *, nl_langinfo, nullptr, (nl_item item), fault::nl_langinfo_answer
+              ? const_cast<char *>(*fault::nl_langinfo_answer) : __real_nl_langinfo(item))
+FAULT_WRAP_TO(char *, setlocale, nullptr, (int category, const char *locale), fault::setlocale_answer
+              ? const_cast<char *>(*fault::setlocale_answer) : __real_setlocale(category, locale))
+// clang-format on
 
 char *__real_getcwd(char *buf, size_t size);
 char *__wrap_getcwd(char *buf, size_t size) {
-  fault::g_getcwd_sizes.push_back(size);
+  fault::getcwd_size_log.push_back(size);
   return fault::failing(fault::call::getcwd) ? nullptr : __real_getcwd(buf, size);
 }
 

@@ -1,15 +1,13 @@
-// Fault injection for the test binaries: a replaceable allocator that can
-// fail the k-th allocation and counts live blocks, and link-time wrappers
-// (-Wl,--wrap=NAME) around the system calls the library makes, which can
-// fail a chosen number of calls with a chosen errno. Nothing here is in the
-// library; a disarmed wrapper only forwards.
+// Fault injection for the test binaries: an allocator that can fail the k-th
+// allocation and counts live blocks, and link-time wrappers (-Wl,--wrap=NAME)
+// around the system calls the library makes, which fail a chosen number of
+// calls with a chosen errno; a disarmed wrapper only forwards.
 #ifndef VEXO_TESTS_FAULT_H
 #define VEXO_TESTS_FAULT_H
 
 #include <gtest/gtest.h>
 #include <vexo/vexo_core.h>
 
-#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
@@ -26,8 +24,6 @@ class alloc_scope {
   explicit alloc_scope(long fail_at = 0);
   ~alloc_scope();
   alloc_scope(const alloc_scope &) = delete;
-  alloc_scope &operator=(const alloc_scope &) = delete;
-
   // Runs before every allocation of the scope with its number (1, 2, ...).
   void on_allocation(std::function<void(long)> hook) { hook_ = std::move(hook); }
   bool injected() const { return injected_; }  // the k-th allocation was reached and failed
@@ -80,11 +76,19 @@ int calls(call c);
 void reset();
 
 // The size argument of every getcwd call since the last reset, in order.
-const std::vector<size_t> &getcwd_sizes();
+inline std::vector<size_t> getcwd_size_log;
+inline const std::vector<size_t> &getcwd_sizes() {
+  return getcwd_size_log;
+}
 
 // Pointer-returning calls can be given a fixed answer instead of an errno.
-void fake_nl_langinfo(std::optional<const char *> answer);
-void fake_setlocale(std::optional<const char *> answer);
+inline std::optional<const char *> nl_langinfo_answer, setlocale_answer;
+inline void fake_nl_langinfo(std::optional<const char *> answer) {
+  nl_langinfo_answer = answer;
+}
+inline void fake_setlocale(std::optional<const char *> answer) {
+  setlocale_answer = answer;
+}
 
 // Resets the system-call plans before and after each test using it.
 class Test : public ::testing::Test {
@@ -99,15 +103,11 @@ int open_fds();
 // A Test that also fails when it leaves more or fewer descriptors open than it found.
 class FdTest : public Test {
  protected:
-  void SetUp() override {
-    fds_ = open_fds();
-    Test::SetUp();
-  }
   void TearDown() override {
     Test::TearDown();
     EXPECT_EQ(open_fds(), fds_) << "descriptor leaked";
   }
-  int fds_ = 0;
+  int fds_ = open_fds();
 };
 
 }  // namespace fault
