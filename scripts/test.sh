@@ -148,6 +148,8 @@ fuzz_briefly() {
   for t in build/fuzz/fuzz/fuzz_*; do
     [ -x "$t" ] || continue
     corpus=$(mktemp -d)
+    # Inputs that once found a fault run first, every time.
+    [ -d "fuzz/corpus/$(basename "$t")" ] && cp "fuzz/corpus/$(basename "$t")"/* "$corpus"/
     echo "-- $(basename "$t")"
     "$t" -max_total_time=5 "$corpus" >"$corpus.log" 2>&1 || { ok=1; tail -30 "$corpus.log"; }
     grep -E '^Done [0-9]+ runs' "$corpus.log" || true
