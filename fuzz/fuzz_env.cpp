@@ -11,7 +11,6 @@
 #include <algorithm>
 
 using fuzz::check;
-using fuzz::entries;
 using texts = std::vector<std::string>;
 
 struct block {
@@ -35,7 +34,7 @@ bool well_formed(const std::string &key) {
   return i == std::string::npos;
 }
 
-void look_up(const std::string &key, const entries &env) {
+void look_up(const std::string &key, const pairs &env) {
   const auto hit = std::find_if(env.begin(), env.end(), [&](const auto &e) { return e.first == key; });
   size_t n = 0;
   const vexo_t_error_code rc = vexo_unix_getenv(key.c_str(), nullptr, &n, VEXO_GETENV_OPTION_INITIAL);
@@ -83,15 +82,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
       nul_texts.push_back(t.find('=') == std::string::npos ? t + '\0' : t.replace(t.find('='), 1, 1, '\0'));
     const block eq_form(all, VEXO_COMPACT_ENV_FLAG_KEY_EQ_VALUE),
         nul_form(nul_texts, VEXO_COMPACT_ENV_FLAG_KEY_NUL_VALUE);
-    check(fuzz::read_block(eq_form.env, eq_form.size) == fuzz::entries_of(all) &&
-          fuzz::read_block(nul_form.env, nul_form.size) == fuzz::entries_of(all));
+    check(compact_entries(eq_form.env, eq_form.size, true) == fuzz::entries_of(all) &&
+          compact_entries(nul_form.env, nul_form.size, true) == fuzz::entries_of(all));
 
     const auto cut = static_cast<long>(data[0] % (all.size() + 1));
     const texts one(all.begin(), all.begin() + cut), two(all.begin() + cut, all.end());
     const block first(one, VEXO_COMPACT_ENV_FLAG_KEY_EQ_VALUE),
         second(two, VEXO_COMPACT_ENV_FLAG_KEY_EQ_VALUE);
-    const entries firsts = fuzz::entries_of(one);
-    entries want = firsts;
+    const pairs firsts = fuzz::entries_of(one);
+    pairs want = firsts;
     for (const auto &e : fuzz::entries_of(two))
       if (std::none_of(firsts.begin(), firsts.end(), [&](const auto &m) { return m.first == e.first; }))
         want.push_back(e);
@@ -104,7 +103,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     });
     check(failed_alloc
               ? rc == VEXO_E_OUT_OF_MEMORY && merged.env == nullptr && fuzz::allocations::live == blocks
-              : rc == VEXO_S_NOERR && fuzz::read_block(merged.env, merged.size) == want);
+              : rc == VEXO_S_NOERR && compact_entries(merged.env, merged.size, true) == want);
     std::swap(vexo::initial_environ_NUL_separated, merged.env);  // installed, and back into `merged`
     std::swap(vexo::initial_environ_NUL_separated_size, merged.size);
     for (size_t i = 0; !failed_alloc && i < all.size() && i < 32; ++i) {

@@ -7,12 +7,12 @@
 
 #include <vexo/vexo_core.h>
 
+#include "compact_block.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace fuzz {
@@ -41,39 +41,14 @@ inline std::vector<std::string> split(const uint8_t *data, size_t size, uint8_t 
   return pieces;
 }
 
-using entries = std::vector<std::pair<std::string, std::string>>;
-
 // The KEY=VALUE texts that have a key, split at their first '='.
-inline entries entries_of(const std::vector<std::string> &texts) {
-  entries out;
+inline pairs entries_of(const std::vector<std::string> &texts) {
+  pairs out;
   for (const std::string &t : texts) {
     const size_t eq = t.find('=');
     if (eq != 0 && !t.empty())
       out.emplace_back(t.substr(0, eq), eq == std::string::npos ? "" : t.substr(eq + 1));
   }
-  return out;
-}
-
-// The keys and values of a compact environment, checking its layout on the
-// way: pointer array first, then the entries in its order, each inside the
-// block and after the one before; `exact`: the last ending where the block ends.
-inline entries read_block(char **env, size_t size, bool exact = true) {
-  size_t n = 0;
-  while ((n + 1) * sizeof(char *) <= size && env[n] != nullptr)
-    ++n;
-  check((n + 1) * sizeof(char *) <= size);
-  const char *low = reinterpret_cast<const char *>(env + n + 1);
-  const char *const end = reinterpret_cast<const char *>(env) + size;
-  const auto nul = [end](const char *s) {
-    return static_cast<const char *>(std::memchr(s, 0, static_cast<size_t>(end - s)));
-  };
-  entries out;
-  for (size_t i = 0; i < n; ++i) {
-    const char *key = env[i], *mid = key >= low && key < end ? nul(key) : nullptr;
-    check(mid != nullptr && (low = nul(mid + 1)) != nullptr);
-    out.emplace_back(std::string(key, mid), std::string(mid + 1, low++));
-  }
-  check(!exact || low == end);
   return out;
 }
 

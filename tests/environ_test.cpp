@@ -3,8 +3,6 @@
 
 #include <tuple>
 
-namespace {
-
 constexpr vexo_t_bits kInitial = VEXO_GET_ENVIRON_OPTION_INITIAL;
 constexpr vexo_t_bits kCurrent = VEXO_GET_ENVIRON_OPTION_CURRENT;
 char **const kUntouched = reinterpret_cast<char **>(0x1);
@@ -122,5 +120,3 @@ TEST_F(Environ, AllocationFailures) {
     });
   }
 }
-
-}  // namespace

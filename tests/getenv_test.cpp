@@ -4,8 +4,6 @@
 #include <cstring>
 #include <tuple>
 
-namespace {
-
 constexpr vexo_t_bits kInitial = VEXO_GETENV_OPTION_INITIAL;
 constexpr vexo_t_bits kCurrent = VEXO_GETENV_OPTION_CURRENT;
 
@@ -82,5 +80,3 @@ TEST(EnvironmentKeyOrder, RulesAndTheirMirrors) {
         EXPECT_EQ(compare(keys[i], keys[j]), (i > j) - (i < j))
             << testing::PrintToString(keys[i]) << " vs " << testing::PrintToString(keys[j]);
 }
-
-}  // namespace

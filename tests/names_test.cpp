@@ -125,8 +125,7 @@ TEST_F(DefaultCharset, CodesetFirstThenTheLocaleNameAfterItsLastDotAndAllocation
   // clang-format on
   for (const auto &a : answers) {
     fault::reset();
-    fault::fake_nl_langinfo(a.codeset);
-    fault::fake_setlocale(a.locale);
+    fault::nl_langinfo_answer = a.codeset, fault::setlocale_answer = a.locale;
     EXPECT_EQ(charset(), a.want) << (a.locale != nullptr ? a.locale : "(null)");
     EXPECT_EQ(fault::calls(fault::call::setlocale), *a.codeset && **a.codeset ? 0 : 1);
   }
@@ -135,7 +134,7 @@ TEST_F(DefaultCharset, CodesetFirstThenTheLocaleNameAfterItsLastDotAndAllocation
   fault::fail(fault::call::nl_langinfo, 0);
   fault::fail(fault::call::setlocale, 0);
   EXPECT_EQ(charset().rc, VEXO_E_NOT_FOUND);
-  fault::fake_nl_langinfo("UTF-8");
+  fault::nl_langinfo_answer = "UTF-8";
   EXPECT_EQ(fault::oom_sweep(charset, {kOk, "UTF-8"}), 1);
 }
 

@@ -94,7 +94,7 @@ TEST_F(Paths, WorkingDirectoryBufferScheduleAndConversion) {
   const std::string p = dir(std::string(255, 'd'));  // longer than the first buffer's 256 bytes
   ASSERT_EQ(::chdir(p.c_str()), 0);
   EXPECT_EQ(cwd(), (result{kOk, p}));
-  EXPECT_EQ(fault::getcwd_sizes(), (std::vector<size_t>{257, 513}));
+  EXPECT_EQ(fault::getcwd_sizes, (std::vector<size_t>{257, 513}));
   EXPECT_EQ(fault::oom_sweep([] { return cwd(kLatin1); }, {kOk, p}), 3) << "two buffers and the name";
 
   const std::vector<size_t> nine = {257, 513, 1025, 2049, 4097, 8193, 16385, 32769, 65537};
@@ -103,7 +103,7 @@ TEST_F(Paths, WorkingDirectoryBufferScheduleAndConversion) {
     fault::fail(fault::call::getcwd, ERANGE, failures);
     fault::alloc_scope scope;
     EXPECT_EQ(cwd().rc, failures == 8 ? kOk : vexo_map_unix_error(ERANGE, VEXO_E_OS_ERROR));
-    EXPECT_EQ(fault::getcwd_sizes(), nine);
+    EXPECT_EQ(fault::getcwd_sizes, nine);
     EXPECT_EQ(scope.live(), 0);
   }
 

@@ -113,7 +113,7 @@ int calls(call c) {
 void reset() {
   g_calls = {};
   nl_langinfo_answer = setlocale_answer = std::nullopt;
-  getcwd_size_log.clear();
+  getcwd_sizes.clear();
 }
 
 int open_fds() {  // listed by the C++ library, whose calls the wrappers do not see
@@ -172,7 +172,7 @@ FAULT_WRAP_TO(char *, setlocale, nullptr, (int category, const char *locale), fa
 
 char *__real_getcwd(char *buf, size_t size);
 char *__wrap_getcwd(char *buf, size_t size) {
-  fault::getcwd_size_log.push_back(size);
+  fault::getcwd_sizes.push_back(size);
   return fault::failing(fault::call::getcwd) ? nullptr : __real_getcwd(buf, size);
 }
 

@@ -76,19 +76,9 @@ int calls(call c);
 void reset();
 
 // The size argument of every getcwd call since the last reset, in order.
-inline std::vector<size_t> getcwd_size_log;
-inline const std::vector<size_t> &getcwd_sizes() {
-  return getcwd_size_log;
-}
-
-// Pointer-returning calls can be given a fixed answer instead of an errno.
+inline std::vector<size_t> getcwd_sizes;
+// Answers nl_langinfo and setlocale give instead of their own while set (cleared by reset).
 inline std::optional<const char *> nl_langinfo_answer, setlocale_answer;
-inline void fake_nl_langinfo(std::optional<const char *> answer) {
-  nl_langinfo_answer = answer;
-}
-inline void fake_setlocale(std::optional<const char *> answer) {
-  setlocale_answer = answer;
-}
 
 // Resets the system-call plans before and after each test using it.
 class Test : public ::testing::Test {
