@@ -13,20 +13,6 @@
 using fuzz::check;
 using texts = std::vector<std::string>;
 
-struct block {
-  char **env = nullptr;
-  size_t size = 0;
-  block() = default;
-  block(const texts &t, vexo_t_bits flag) {
-    std::vector<const char *> list;
-    for (const std::string &e : t)
-      list.push_back(e.c_str());
-    list.push_back(nullptr);
-    check(vexo_make_compact_env(list.data(), &env, &size, flag) == VEXO_S_NOERR);
-  }
-  ~block() { vexo_free(env); }
-};
-
 bool well_formed(const std::string &key) {
   size_t i = 0;
   while ((i = key.find('\xC0', i)) != std::string::npos && key.compare(i, 2, "\xC0\x80") == 0)
@@ -80,22 +66,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     texts nul_texts;
     for (std::string t : all)
       nul_texts.push_back(t.find('=') == std::string::npos ? t + '\0' : t.replace(t.find('='), 1, 1, '\0'));
-    const block eq_form(all, VEXO_COMPACT_ENV_FLAG_KEY_EQ_VALUE),
-        nul_form(nul_texts, VEXO_COMPACT_ENV_FLAG_KEY_NUL_VALUE);
+    const compact_env eq_form(all), nul_form(nul_texts, VEXO_COMPACT_ENV_FLAG_KEY_NUL_VALUE);
     check(compact_entries(eq_form.env, eq_form.size, true) == fuzz::entries_of(all) &&
           compact_entries(nul_form.env, nul_form.size, true) == fuzz::entries_of(all));
 
     const auto cut = static_cast<long>(data[0] % (all.size() + 1));
     const texts one(all.begin(), all.begin() + cut), two(all.begin() + cut, all.end());
-    const block first(one, VEXO_COMPACT_ENV_FLAG_KEY_EQ_VALUE),
-        second(two, VEXO_COMPACT_ENV_FLAG_KEY_EQ_VALUE);
+    const compact_env first(one), second(two);
+    check((eq_form.rc | nul_form.rc | first.rc | second.rc) == VEXO_S_NOERR);
     const pairs firsts = fuzz::entries_of(one);
     pairs want = firsts;
     for (const auto &e : fuzz::entries_of(two))
       if (std::none_of(firsts.begin(), firsts.end(), [&](const auto &m) { return m.first == e.first; }))
         want.push_back(e);
     const long blocks = fuzz::allocations::live;
-    block merged;
+    compact_env merged;
     vexo_t_error_code rc = VEXO_S_NOERR;
     const bool failed_alloc = fuzz::allocations::failing(data[0] >> 6, [&] {
       rc = vexo_merge_compact_envs(first.env, first.size, second.env, second.size, &merged.env, &merged.size,

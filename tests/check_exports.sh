@@ -16,14 +16,9 @@ exported=$(nm -D --defined-only "$lib" | awk '$2 ~ /^[TDBRVW]$/ {print $3}' | se
 declared=$(for d in "$@"; do cat "$d"/*.h; done | grep -v "^[[:space:]]*#" | tr '\n' ' ' | grep -oE 'VEXO_API[^;(]*\(' | sed -E 's/.*[^A-Za-z0-9_]([A-Za-z0-9_]+)[[:space:]]*\($/\1/' | sort -u)
 
 status=0
-stray=$(comm -23 <(echo "$exported") <(echo "$declared"))
-missing=$(comm -13 <(echo "$exported") <(echo "$declared"))
-if [ -n "$stray" ]; then
-  echo "exported but not declared in the public headers:"; echo "$stray"; status=1
-fi
-if [ -n "$missing" ]; then
-  echo "declared but not exported:"; echo "$missing"; status=1
-fi
+fail() { [ -z "$2" ] || { echo "$1"; echo "$2"; status=1; }; }  # fail HEADING NAMES: reports NAMES if any
+fail "exported but not declared in the public headers:" "$(comm -23 <(echo "$exported") <(echo "$declared"))"
+fail "declared but not exported:" "$(comm -13 <(echo "$exported") <(echo "$declared"))"
 n=$(echo "$exported" | grep -c . || true)
 soname=$(objdump -p "$lib" | awk '/SONAME/ {print $2}')
 case "$soname" in
@@ -40,10 +35,8 @@ if [ -n "$archive" ]; then
   globals=$(nm --defined-only "$archive" | awk 'NF == 3 && $2 ~ /^[A-Z]$/ {print $2, $3}' | sort -u -k2)
   foreign=$( (echo "$globals" | awk '$1 !~ /^[VW]$/ && $2 !~ /^vexo_/ && $2 !~ /^_Z(TV|TI|TS|GV)?N[KVRO]*4vexo/ {print $2}'
     echo "$globals" | awk '$1 ~ /^[VW]$/ && $2 !~ /^vexo_/ && ($2 !~ /^_Z/ || $2 ~ /^_Z[0-9]/) {print $2}') | c++filt)
-  if [ -n "$foreign" ]; then
-    echo "global names in $(basename "$archive") outside the library's own:"; echo "$foreign"; status=1
-  else
+  fail "global names in $(basename "$archive") outside the library's own:" "$foreign"
+  [ -n "$foreign" ] ||
     echo "$(echo "$globals" | grep -c .) global names in $(basename "$archive"), none that could stand for an embedder's own"
-  fi
 fi
 exit $status

@@ -6,20 +6,6 @@
 char **const kUntouched = reinterpret_cast<char **>(0x1);
 using CompactEnv = EnvFixture;
 
-struct compact {  // made from "KEY=VALUE" entries, freed with its scope
-  char **env = nullptr;
-  size_t size = 0;
-  explicit compact(const std::vector<std::string> &entries) {
-    std::vector<const char *> list;
-    for (const std::string &e : entries)
-      list.push_back(e.c_str());
-    list.push_back(nullptr);
-    EXPECT_EQ(vexo_make_compact_env(list.data(), &env, &size, VEXO_COMPACT_ENV_FLAG_KEY_EQ_VALUE),
-              VEXO_S_NOERR);
-  }
-  ~compact() { vexo_free(env); }
-};
-
 using producer = std::function<vexo_t_error_code(char ***, size_t *)>;
 // What a producer made, read back (when `read`) and freed. Under every allocation failure it must fail
 // cleanly, writing nothing; `allocations`, when not 0, is how many a success takes.
@@ -89,7 +75,7 @@ TEST_F(CompactEnv, MakeFromEitherEntryForm) {
 
 // The merge also allocates its key index.
 TEST_F(CompactEnv, MergeKeepsTheFirstEnvironmentsEntriesAndEachOneOrder) {
-  compact env1({"PATH=/bin", "A=1", "A=1b", "HOME=/root"}), none({}),
+  compact_env env1({"PATH=/bin", "A=1", "A=1b", "HOME=/root"}), none{std::vector<std::string>{}},
       env2({"Z=26", "A=2", "HOME=/home", "B=2", "Z=27", "PATH2=x"});
   const pairs only1 = {{"PATH", "/bin"}, {"A", "1"}, {"A", "1b"}, {"HOME", "/root"}};
   pairs want = only1;
@@ -105,7 +91,7 @@ TEST_F(CompactEnv, MergeKeepsTheFirstEnvironmentsEntriesAndEachOneOrder) {
     text1.push_back(key + "=1");
     text2.insert(text2.end(), {key + "0=2", key + "=2"});  // K<k>0 is in env1 exactly when k <= 500
   }
-  compact big1(text1), big2(text2);
+  compact_env big1(text1), big2(text2);
   const pairs got = merge(big1.env, big1.size, big2.env, big2.size);
   ASSERT_EQ(got.size(), 5000u + 4500u);
   for (size_t i = 0; i < got.size(); ++i)

@@ -1,6 +1,8 @@
-// The reader of compact environment blocks that the tests and the fuzz targets share.
+// Compact environment blocks as the tests and the fuzz targets make and read them.
 #ifndef VEXO_TESTS_COMPACT_BLOCK_H
 #define VEXO_TESTS_COMPACT_BLOCK_H
+
+#include <vexo/vexo_core.h>
 
 #include <algorithm>
 #include <cstring>
@@ -30,5 +32,23 @@ inline std::optional<pairs> compact_entries(char **env, size_t size, bool packed
   }
   return packed && p != end ? std::nullopt : std::optional(out);
 }
+
+// A block made from entries in either form (`rc`: what the making gave), freed with its scope.
+struct compact_env {
+  char **env = nullptr;
+  size_t size = 0;
+  vexo_t_error_code rc = VEXO_S_NOERR;
+  compact_env() = default;
+  explicit compact_env(const std::vector<std::string> &entries,
+                       vexo_t_bits form = VEXO_COMPACT_ENV_FLAG_KEY_EQ_VALUE) {
+    std::vector<const char *> list;
+    for (const std::string &e : entries)
+      list.push_back(e.c_str());
+    list.push_back(nullptr);
+    rc = vexo_make_compact_env(list.data(), &env, &size, form);
+  }
+  compact_env(const compact_env &) = delete;
+  ~compact_env() { vexo_free(env); }
+};
 
 #endif  // VEXO_TESTS_COMPACT_BLOCK_H
