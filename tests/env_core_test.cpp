@@ -3,7 +3,6 @@
 
 #include <functional>
 
-char **const kUntouched = reinterpret_cast<char **>(0x1);
 using CompactEnv = EnvFixture;
 
 using producer = std::function<vexo_t_error_code(char ***, size_t *)>;

@@ -5,7 +5,6 @@
 
 constexpr vexo_t_bits kInitial = VEXO_GET_ENVIRON_OPTION_INITIAL;
 constexpr vexo_t_bits kCurrent = VEXO_GET_ENVIRON_OPTION_CURRENT;
-char **const kUntouched = reinterpret_cast<char **>(0x1);
 
 // What vexo_unix_get_environ gives; kUntouched and 7 where it writes nothing.
 struct got {

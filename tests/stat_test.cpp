@@ -13,21 +13,17 @@ constexpr vexo_t_bits kMode = VEXO_STAT_OPTION_MODE, kAccess = VEXO_STAT_OPTION_
 constexpr vexo_t_bits kAll = 0x3f0eu, kNoRequire = kAll & ~0x6u;
 
 // A record whose every byte shows whether the call wrote it.
-struct record {
+const vexo_t_stat kFresh = [] {
   vexo_t_stat st;
-  record() { std::memset(&st, 0xA5, sizeof st); }
-  bool untouched() const {
-    const record fresh;
-    return std::memcmp(&st, &fresh.st, sizeof st) == 0;
-  }
-};
+  return std::memset(&st, 0xA5, sizeof st), st;
+}();
 
 // The mode bits, or the failure's code; a failure must leave the record untouched.
 long mode_of(const std::string &p, vexo_t_bits options) {
-  record r;
-  const vexo_t_error_code rc = vexo_stat_unix(p.c_str(), &r.st, options);
-  EXPECT_TRUE(rc >= 0 || r.untouched()) << "a failure wrote the record";
-  return rc < 0 ? static_cast<long>(rc) : static_cast<long>(r.st.mode);
+  vexo_t_stat st = kFresh;
+  const vexo_t_error_code rc = vexo_stat_unix(p.c_str(), &st, options);
+  EXPECT_TRUE(rc >= 0 || std::memcmp(&st, &kFresh, sizeof st) == 0) << "a failure wrote the record";
+  return rc < 0 ? static_cast<long>(rc) : static_cast<long>(st.mode);
 }
 
 class Stat : public fault::Test {
@@ -72,23 +68,22 @@ TEST_F(Stat, PermissionAndCallerBitsByEffectiveIds) {
 TEST_F(Stat, FieldsOnlyWhenAskedAndCallersOwnKept) {
   NEEDS_ROOT();
   const std::string p = dir_.make("f", 'f', 0644, kUid, kGid);
-  record r;
-  r.st.flags = 0x1234;
-  r.st.deiniters_count = 3;
-  auto *const deiniters = r.st.deiniters;
-  ASSERT_EQ(vexo_stat_unix(p.c_str(), &r.st, 0x1 | 0xf0 | 0x8000), VEXO_S_NOERR);
-  EXPECT_TRUE(r.st.flags == 0x1234u && r.st.deiniters_count == 3u && r.st.deiniters == deiniters);
-  EXPECT_TRUE((r.st.mode | r.st.type | r.st.size | r.st.owner | r.st.group) == 0u &&
-              (r.st.access_time | r.st.modify_time | r.st.create_time) == 0);
+  vexo_t_stat st = kFresh;
+  st.flags = 0x1234;
+  st.deiniters_count = 3;
+  auto *const deiniters = st.deiniters;
+  ASSERT_EQ(vexo_stat_unix(p.c_str(), &st, 0x1 | 0xf0 | 0x8000), VEXO_S_NOERR);
+  EXPECT_TRUE(st.flags == 0x1234u && st.deiniters_count == 3u && st.deiniters == deiniters);
+  EXPECT_TRUE((st.mode | st.type | st.size | st.owner | st.group) == 0u &&
+              (st.access_time | st.modify_time | st.create_time) == 0);
 
   const timespec times[2] = {{2000, 999999999}, {1000, 900000000}};
   struct stat sys {};
   ASSERT_TRUE(truncate(p.c_str(), 12345) == 0 && utimensat(AT_FDCWD, p.c_str(), times, 0) == 0 &&
               stat(p.c_str(), &sys) == 0);
-  ASSERT_EQ(vexo_stat_unix(p.c_str(), &r.st, kNoRequire), VEXO_S_NOERR);
+  ASSERT_EQ(vexo_stat_unix(p.c_str(), &st, kNoRequire), VEXO_S_NOERR);
   // Times are truncated, not rounded.
-  EXPECT_EQ(std::tuple(r.st.access_time, r.st.modify_time, r.st.create_time, r.st.size, r.st.owner,
-                       r.st.group, r.st.type),
+  EXPECT_EQ(std::tuple(st.access_time, st.modify_time, st.create_time, st.size, st.owner, st.group, st.type),
             std::tuple(2000, 1000, sys.st_ctim.tv_sec, 12345u, kUid, kGid, 0u));
 }
 

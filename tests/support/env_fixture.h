@@ -13,6 +13,8 @@
 #include <unistd.h>
 #include <vector>
 
+char **const kUntouched = reinterpret_cast<char **>(0x1);  // never written by a failure
+
 class EnvFixture : public fault::FdTest {
  protected:
   void TearDown() override {
