@@ -1,6 +1,6 @@
-// One argument string from a fuzzed property list: the concatenation of the
-// "string" and "file" entries' texts, or null when any other key appears or
-// an allocation fails (the first byte picks one), with nothing left allocated.
+// One argument string from a fuzzed property list: the concatenation of the "string" and "file" entries'
+// texts, or null when any other key appears or an allocation fails (the first byte picks one), with nothing
+// left allocated.
 #include "fuzz_util.h"
 #include "unix/unix_internal.h"
 

@@ -1,10 +1,8 @@
-// Compact environments and the look-ups in them, from fuzzed KEY=VALUE
-// texts. Made in either entry form and merged (the second environment's
-// keys that the first holds are dropped), a block keeps its pointers and
-// entries inside itself, in order, sized exactly. Installed as the initial
-// environment, it answers every key with the first duplicate's value and
-// keeps the capacity protocol. The key order is antisymmetric, zero only for
-// equal keys, and transitive where every 0xC0 is the overlong NUL's lead.
+// Compact environments and the look-ups in them, from fuzzed KEY=VALUE texts. Made in either entry form and
+// merged (the second environment's keys that the first holds are dropped), a block keeps its pointers and
+// entries inside itself, in order, sized exactly. Installed as the initial environment, it answers every key
+// with the first duplicate's value and keeps the capacity protocol. The key order is antisymmetric, zero only
+// for equal keys, and transitive where every 0xC0 is the overlong NUL's lead.
 #include "fuzz_util.h"
 #include "unix/unix_internal.h"
 

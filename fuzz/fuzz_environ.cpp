@@ -1,8 +1,7 @@
-// The current environment copied into one block: whatever the entries, the
-// block is well formed, and holds the entries that have a key, in order,
-// split at their first '='; entries that are not UTF-8 come back read as
-// Latin-1. When every entry is UTF-8 the block is sized exactly as the
-// sizing pass counts; entries left out still count in it.
+// The current environment copied into one block: whatever the entries, the block is well formed, and holds
+// the entries that have a key, in order, split at their first '='; entries that are not UTF-8 come back read
+// as Latin-1. When every entry is UTF-8 the block is sized exactly as the sizing pass counts; entries left
+// out still count in it.
 #include "fuzz_util.h"
 #include "icu_utf8.h"
 #include "unix/unix_internal.h"

@@ -1,9 +1,7 @@
-// An OS name to UTF-8 under every combination of the options, judged against
-// ICU's NFC taken through UTF-16 (not the library's UTF-8 path): ASCII and
-// un-normalised names come back lent under no-copy, legal names as their NFC
-// in a new string, others fail or come back read as Latin-1 with status 1.
-// The first byte picks an allocation to fail, which must leave nothing
-// written and nothing allocated.
+// An OS name to UTF-8 under every combination of the options, judged against ICU's NFC taken through UTF-16
+// (not the library's UTF-8 path): ASCII and un-normalised names come back lent under no-copy, legal names as
+// their NFC in a new string, others fail or come back read as Latin-1 with status 1. The first byte picks an
+// allocation to fail, which must leave nothing written and nothing allocated.
 #include "fuzz_util.h"
 #include "icu_utf8.h"
 #include "unix/unix_internal.h"

@@ -1,6 +1,5 @@
-// Any bytes: the validator agrees with ICU's decoder, and sized OS text to
-// UTF-8 with the Latin-1 fallback gives the input back unchanged when it is
-// UTF-8 (status 0), each byte read as Latin-1 otherwise (status 1).
+// Any bytes: the validator agrees with ICU's decoder, and sized OS text to UTF-8 with the Latin-1 fallback
+// gives the input back unchanged when it is UTF-8 (status 0), each byte read as Latin-1 otherwise (status 1).
 #include "fuzz_util.h"
 #include "icu_utf8.h"
 #include "unix/unix_internal.h"

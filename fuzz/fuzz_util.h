@@ -1,7 +1,6 @@
-// What the fuzz targets share. A broken invariant aborts, so that libFuzzer
-// keeps the input. The core allocator is routed through a counter of live
-// blocks, which can also fail one chosen request, so that every input also
-// checks that nothing leaks and that failures are clean.
+// What the fuzz targets share. A broken invariant aborts, so that libFuzzer keeps the input. The core
+// allocator is routed through a counter of live blocks, which can also fail one chosen request, so that every
+// input also checks that nothing leaks and that failures are clean.
 #ifndef VEXO_FUZZ_UTIL_H
 #define VEXO_FUZZ_UTIL_H
 

@@ -26,8 +26,8 @@ class Access : public fault::Test {
   void SetUp() override {
     fault::Test::SetUp();
     NEEDS_ROOT();
-    // Root owns what it makes (owner class), is in its egid (group class) and
-    // in neither kUid nor kGid (other class).
+    // Root owns what it makes (owner class), is in its egid (group class) and in neither kUid nor kGid (other
+    // class).
     const gid_t eg = getegid();
     const std::tuple<const char *, char, mode_t, uid_t, gid_t> entries[] = {
         {"f", 'f', 0644, kMe, kMe},      {"x", 'f', 0100, kMe, kMe},    {"ro", 'f', 0444, kMe, kMe},

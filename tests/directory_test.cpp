@@ -20,8 +20,8 @@ class Listing : public fault::FdTest {
     EXPECT_EQ(vexo_open_directory_unix(path.c_str(), &dir, options), VEXO_S_NOERR) << path;
     return dir;
   }
-  // The system names a listing delivers, in its order, each in the one record every read hands out; the
-  // end repeats and leaves the pointer untouched.
+  // The system names a listing delivers, in its order, each in the one record every read hands out; the end
+  // repeats and leaves the pointer untouched.
   std::vector<std::string> names(const std::string &path, vexo_t_bits options) {
     std::vector<std::string> out;
     vexo_t_dir *dir = open(path, options);
@@ -96,8 +96,8 @@ TEST_F(Listing, InterruptionsRepeatAndAReadFailureKeepsTheEntry) {
 }
 
 // Open, filtered reads (one growing the path buffer) and every entry's name under each allocation failure:
-// names are lent, converted (a failed normalisation lends the system name instead) or refused, and the
-// record holds one name at a time.
+// names are lent, converted (a failed normalisation lends the system name instead) or refused, and the record
+// holds one name at a time.
 TEST_F(Listing, NamesUnderEveryAllocationFailure) {
   std::string sub, composed;
   for (int i = 0; i < 60; ++i)

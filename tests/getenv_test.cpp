@@ -7,8 +7,7 @@
 constexpr vexo_t_bits kInitial = VEXO_GETENV_OPTION_INITIAL;
 constexpr vexo_t_bits kCurrent = VEXO_GETENV_OPTION_CURRENT;
 
-// The code, the buffer up to its NUL (32 '#' when untouched) and *psize; a
-// capacity of 0 passes no buffer.
+// The code, the buffer up to its NUL (32 '#' when untouched) and *psize; a capacity of 0 passes no buffer.
 using found = std::tuple<vexo_t_error_code, std::string, size_t>;
 found look(const char *key, vexo_t_bits options, size_t capacity = 32) {
   char buf[33] = "################################";
@@ -21,9 +20,8 @@ const found kNotFound{VEXO_E_NOT_FOUND, kFill, 32}, kInvalid{VEXO_E_INVALID_STAT
 
 using Getenv = EnvFixture;
 
-// PATH and NEW with options 0, INITIAL, CURRENT and both, before start-up,
-// started, after shutdown. What is found fits a buffer of its size exactly;
-// one byte less, or no buffer, gives the size alone.
+// PATH and NEW with options 0, INITIAL, CURRENT and both, before start-up, started, after shutdown. What is
+// found fits a buffer of its size exactly; one byte less, or no buffer, gives the size alone.
 TEST_F(Getenv, InitialOrLiveEnvironmentAndTheCapacity) {
   use({"PATH=/bin", "A=b=c", "K=first", "K=second", "V=caf\xE9", "E=", "N"});
   const found bin{VEXO_S_NOERR, "/bin", 5}, usr{VEXO_S_NOERR, "/usr", 5}, one{VEXO_S_NOERR, "1", 2};

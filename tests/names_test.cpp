@@ -150,11 +150,10 @@ TEST(PathRoot, OneLeadingSlash) {
   }
 }
 
-// The NUL at every distance from every start offset in the aligned 64 bytes, with a
-// high byte (0x80 or 0xFF) at every place before it or none, in text of 0x7F. Bytes before
-// the start alternate between NUL and 0xFF, bytes after the NUL are 0xFF: a scan that looks
-// at either gets a wrong answer. The aligned-block scans behind is_ASCII are run from every
-// block of the 64 too, so each vector width is judged here.
+// The NUL at every distance from every start offset in the aligned 64 bytes, with a high byte (0x80 or 0xFF)
+// at every place before it or none, in text of 0x7F. Bytes before the start alternate between NUL and 0xFF,
+// bytes after the NUL are 0xFF: a scan that looks at either gets a wrong answer. The aligned-block scans
+// behind is_ASCII are run from every block of the 64 too, so each vector width is judged here.
 TEST(IsAscii, EveryOffsetNulAndHighByte) {
   alignas(64) static char buf[64 * 6];
   using scan = int (*)(const char *);

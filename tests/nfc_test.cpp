@@ -17,9 +17,9 @@ fault::result nfc(const std::string &in) {
   return fault::take([&](char **out) { return vexo::utf8_to_nfc(in.c_str(), out, 0); });
 }
 
-// Every column of each NormalizationTest line (Debian ships the file compressed; either form is read)
-// against its NFC column, directly and as a file name; then every code point that part 1 does not list
-// is its own NFC. Only the first few mismatches are reported.
+// Every column of each NormalizationTest line (Debian ships the file compressed; either form is read) against
+// its NFC column, directly and as a file name; then every code point that part 1 does not list is its own
+// NFC. Only the first few mismatches are reported.
 TEST(Nfc, Conformance) {
   const std::string base = VEXO_UNICODE_DATA_DIR "/NormalizationTest.txt";
   FILE *p = popen(("cat '" + base + "' 2>/dev/null || bzip2 -dc '" + base + ".bz2'").c_str(), "r");
@@ -67,8 +67,8 @@ TEST(Nfc, TextThatCannotBeReadAsUtf8Fails) {
   EXPECT_EQ(vexo::utf8_to_nfc(nullptr, nullptr, 0), VEXO_E_PARAMETER_ERROR);
 }
 
-// Sizes around the on-stack first pass (fitting, exactly full, larger) for text that shrinks,
-// grows and stays the same under NFC: one allocation of the result, its failure leaves nothing.
+// Sizes around the on-stack first pass (fitting, exactly full, larger) for text that shrinks, grows and stays
+// the same under NFC: one allocation of the result, its failure leaves nothing.
 TEST(Nfc, OneExactAllocationWhateverTheSize) {
   const std::pair<std::string, std::string> shapes[] = {
       {"e\xCC\x81", "\xC3\xA9"}, {utf8(0x0958), utf8(0x0915) + utf8(0x093C)}, {"\xC3\xA9", "\xC3\xA9"}};

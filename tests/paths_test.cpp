@@ -35,8 +35,8 @@ class Paths : public fault::Test {
   scratch::dir dir_;
 };
 
-// Each operation with a failure injected into its call. Interrupted five times, a call is repeated until
-// done (0x4 alone is a plain delete; rename replaces an existing target); chdir and getcwd are not repeated;
+// Each operation with a failure injected into its call. Interrupted five times, a call is repeated until done
+// (0x4 alone is a plain delete; rename replaces an existing target); chdir and getcwd are not repeated;
 // EBADMSG is not in the core's table, so it shows each operation's fallback. Names go to the system as the
 // caller's own strings: only getcwd's buffer is allocated, and nothing stays allocated.
 TEST_F(Paths, OperationsUnderInjectedFailures) {

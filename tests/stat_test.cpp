@@ -108,8 +108,8 @@ TEST_F(Stat, RequirementsInterruptionAndStatFailures) {
   }
 }
 
-// getgroups fails when first asked for the size, or when asked again after the
-// list was allocated; the list must not leak, nor when it cannot be allocated.
+// getgroups fails when first asked for the size, or when asked again after the list was allocated; the list
+// must not leak, nor when it cannot be allocated.
 TEST_F(Stat, GetgroupsAndAllocationFailuresAreMappedAndLeakNothing) {
   NEEDS_ROOT();
   const std::string p = dir_.make("f", 'f', 0644, kUid, kGid);

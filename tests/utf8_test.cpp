@@ -40,8 +40,8 @@ TEST(Utf8Exhaustive, AgreesWithIcu) {
   EXPECT_EQ(d.count, 0) << "first: " << d.first;
 }
 
-// A stray byte or a (cut-off, ill-formed) sequence at every offset of an ASCII run starting at
-// each word alignment, so that the word-at-a-time scan is left and re-entered everywhere.
+// A stray byte or a (cut-off, ill-formed) sequence at every offset of an ASCII run starting at each word
+// alignment, so that the word-at-a-time scan is left and re-entered everywhere.
 TEST(Utf8AsciiRuns, EveryOffsetAtEveryAlignment) {
   // clang-format off
   const std::vector<std::vector<uint8_t>> pieces = {

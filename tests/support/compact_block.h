@@ -13,9 +13,9 @@
 
 using pairs = std::vector<std::pair<std::string, std::string>>;
 
-// The entries of a block: its pointers up to their null, then each entry as a non-empty key, NUL, value,
-// NUL, inside the block and behind the one before; `packed`: right behind it, the last one ending the
-// block. Nothing when the layout is broken.
+// The entries of a block: its pointers up to their null, then each entry as a non-empty key, NUL, value, NUL,
+// inside the block and behind the one before; `packed`: right behind it, the last one ending the block.
+// Nothing when the layout is broken.
 inline std::optional<pairs> compact_entries(char **env, size_t size, bool packed) {
   char **const last = std::find(env, env + size / sizeof *env, nullptr);
   if (last == env + size / sizeof *env)

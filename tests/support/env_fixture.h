@@ -1,5 +1,5 @@
-// Arrays of our own in place of the process environment, restored after each
-// test with the back end shut down and every descriptor accounted for.
+// Arrays of our own in place of the process environment, restored after each test with the back end shut down
+// and every descriptor accounted for.
 #ifndef VEXO_TESTS_ENV_FIXTURE_H
 #define VEXO_TESTS_ENV_FIXTURE_H
 

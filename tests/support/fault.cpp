@@ -123,8 +123,8 @@ int open_fds() {  // listed by the C++ library, whose calls the wrappers do not 
 
 }  // namespace fault
 
-// Every call of these functions in the test binary, the static library
-// included, lands here: `failed` is what a failing call returns.
+// Every call of these functions in the test binary, the static library included, lands here: `failed` is what
+// a failing call returns.
 extern "C" {
 #define FAULT_WRAP_TO(ret, name, failed, params, forward)        \
   ret __real_##name params;                                      \

@@ -1,7 +1,6 @@
-// Fault injection for the test binaries: an allocator that can fail the k-th
-// allocation and counts live blocks, and link-time wrappers (-Wl,--wrap=NAME)
-// around the system calls the library makes, which fail a chosen number of
-// calls with a chosen errno; a disarmed wrapper only forwards.
+// Fault injection for the test binaries: an allocator that can fail the k-th allocation and counts live
+// blocks, and link-time wrappers (-Wl,--wrap=NAME) around the system calls the library makes, which fail a
+// chosen number of calls with a chosen errno; a disarmed wrapper only forwards.
 #ifndef VEXO_TESTS_FAULT_H
 #define VEXO_TESTS_FAULT_H
 
@@ -17,8 +16,8 @@
 
 namespace fault {
 
-// While alive, the core allocator is the harness's: the k-th allocation (or
-// reallocation) made in its lifetime fails; k = 0 never fails.
+// While alive, the core allocator is the harness's: the k-th allocation (or reallocation) made in its
+// lifetime fails; k = 0 never fails.
 class alloc_scope {
  public:
   explicit alloc_scope(long fail_at = 0);
@@ -38,9 +37,9 @@ class alloc_scope {
   std::function<void(long)> hook_;
 };
 
-// Runs `attempt` with allocation k failing, k = 1, 2, ... until an attempt
-// goes through without reaching its k-th allocation; after each attempt no
-// block may be live. Returns the allocations of the successful attempt.
+// Runs `attempt` with allocation k failing, k = 1, 2, ... until an attempt goes through without reaching its
+// k-th allocation; after each attempt no block may be live. Returns the allocations of the successful
+// attempt.
 long alloc_sweep(const std::function<void(alloc_scope &)> &attempt, long limit = 100000);
 
 // What an operation handing out a string gave: its code, and its text ("" on failure).
@@ -52,8 +51,8 @@ struct result {
 void PrintTo(const result &r, std::ostream *os);
 // Runs op(&out): a failure must leave `out` untouched; a success's string is freed.
 result take(const std::function<vexo_t_error_code(char **)> &op);
-// The allocation sweep of `op`: VEXO_E_OUT_OF_MEMORY whenever an allocation
-// failed, `want` otherwise. Returns the allocations `want` takes.
+// The allocation sweep of `op`: VEXO_E_OUT_OF_MEMORY whenever an allocation failed, `want` otherwise. Returns
+// the allocations `want` takes.
 long oom_sweep(const std::function<result()> &op, const result &want);
 
 // clang-format off
@@ -65,10 +64,9 @@ enum class call { FAULT_CALLS(FAULT_ENUMERATOR) count_ };
 #undef FAULT_ENUMERATOR
 // clang-format on
 
-// The next `times` calls of `c` fail with `err`, then calls go through again.
-// A failing call returns what the real one returns on failure: -1 with errno
-// set, null with errno set for pointer results, and the error number itself
-// for getpwuid_r, getgrgid_r and posix_spawn. `err` may be 0 (sysconf's "no limit").
+// The next `times` calls of `c` fail with `err`, then calls go through again. A failing call returns what the
+// real one returns on failure: -1 with errno set, null with errno set for pointer results, and the error
+// number itself for getpwuid_r, getgrgid_r and posix_spawn. `err` may be 0 (sysconf's "no limit").
 void fail(call c, int err, int times = 1);
 // Calls of `c` made since the last reset (armed or not).
 int calls(call c);

@@ -1,5 +1,5 @@
-// The reference the UTF-8 validator is judged against: ICU's own decoder,
-// which rejects overlong forms, surrogates and values above U+10FFFF.
+// The reference the UTF-8 validator is judged against: ICU's own decoder, which rejects overlong forms,
+// surrogates and values above U+10FFFF.
 #ifndef VEXO_TESTS_ICU_UTF8_H
 #define VEXO_TESTS_ICU_UTF8_H
 

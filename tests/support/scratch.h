@@ -1,5 +1,5 @@
-// A scratch directory that cleans up after itself, and a check run with other
-// effective ids: what the file-system suites share.
+// A scratch directory that cleans up after itself, and a check run with other effective ids: what the
+// file-system suites share.
 #ifndef VEXO_TESTS_SCRATCH_H
 #define VEXO_TESTS_SCRATCH_H
 
@@ -31,8 +31,8 @@ constexpr gid_t kGid = 4242;
   if (geteuid() != 0) \
   GTEST_SKIP() << "needs root to chown and change ids"
 
-// A fresh directory under /tmp (resolved, as getcwd reports it), readable
-// under other ids, removed with its contents.
+// A fresh directory under /tmp (resolved, as getcwd reports it), readable under other ids, removed with its
+// contents.
 class dir {
  public:
   dir() {
@@ -65,8 +65,8 @@ class dir {
   std::string path_;
 };
 
-// `fn` run with these effective ids and supplementary groups, the test's own
-// put back after it; LONG_MIN when the ids could not be taken.
+// `fn` run with these effective ids and supplementary groups, the test's own put back after it; LONG_MIN when
+// the ids could not be taken.
 inline long as_ids(uid_t euid, gid_t egid, const std::vector<gid_t> &groups,
                    const std::function<long()> &fn) {
   const uid_t own_euid = geteuid();
