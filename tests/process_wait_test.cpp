@@ -24,6 +24,7 @@ using outcome = std::tuple<vexo_t_error_code, vexo_t_bits, vexo_t_int32>;
 class Wait : public fault::FdTest {
  protected:
   void TearDown() override {
+    fault::reset();  // our own kill and waitpid calls below must go through
     for (const pid_t pid : kids_)
       if (!reaped(pid) && kill(pid, SIGKILL) == 0)  // still ours, so the id cannot have been reused
         waitpid(pid, nullptr, 0);
@@ -56,10 +57,9 @@ class Wait : public fault::FdTest {
   }
 
   // A wait's result with the status record, which starts out as {0xdead, -77}.
-  static outcome waited(pid_t pid, vexo_t_bits options, vexo_t_timespec *timeout = nullptr,
-                        bool record = true) {
+  static outcome waited(pid_t pid, vexo_t_bits options, vexo_t_timespec *timeout = nullptr) {
     vexo_t_process_exit_status st{0xdeadu, -77};
-    return {vexo_unix_process_wait(pid, timeout, record ? &st : nullptr, options), st.flags, st.value};
+    return {vexo_unix_process_wait(pid, timeout, &st, options), st.flags, st.value};
   }
   static outcome only(vexo_t_error_code rc) { return {rc, 0xdeadu, -77}; }
   static outcome exited(int value) { return {VEXO_S_NOERR, VEXO_PROCESS_EXIT_STATUS_FLAG_EXITED, value}; }
@@ -89,10 +89,11 @@ TEST(ProcessIds, HandlesAndIdsAreTheSameNumberAboveZero) {
 // list of released ones: every answer, early ones included, comes after the
 // sweep that reaps it (unless NO_SWEEP or FORGET), and the waitpid calls
 // made count the sweep's. Ops: w wait, t wait with a zero timeout, r release,
-// m release with no room in the list. Child: a script that has ended, "" one
-// that runs, or #number, used as the handle.
-// A running child released for later is listed; a refused one stays ours.
-TEST_F(Wait, WaitsAndReleasesAnswerAfterTheSweep) {
+// m release with no room in the list, k kill with `options` as the signal
+// (failures come from the system, an interrupted call is not repeated). Child: a script that has ended, ""
+// one that runs, or #number, used as the handle. A running child released for later is listed; a refused one
+// stays ours.
+TEST_F(Wait, WaitReleaseAndKillResultsAndTheSweepsTheyMake) {
   vexo_t_timespec zero{0, 0};
   const struct {
     char op;
@@ -103,9 +104,7 @@ TEST_F(Wait, WaitsAndReleasesAnswerAfterTheSweep) {
     int calls;  // of waitpid
   } rows[] = {
       {'w', "exit 0", kExit, 0, 0, exited(0), 2},
-      {'w', "exit 3", kExit, 0, 0, exited(3), 2},
       {'w', "exit 255", kExit, 0, 0, exited(255), 2},
-      {'w', "kill -KILL $$", kExit, 0, 0, signaled(SIGKILL), 2},
       {'w', "kill -TERM $$", kNonblocking | kExit, 0, 0, signaled(SIGTERM), 2},
       {'w', "#0", kExit, 0, 0, only(VEXO_E_PARAMETER_ERROR), 1},
       {'w', "#-1", kNonblocking | kExit | kNoSweep, 0, 0, only(VEXO_E_PARAMETER_ERROR), 0},
@@ -128,6 +127,13 @@ TEST_F(Wait, WaitsAndReleasesAnswerAfterTheSweep) {
       {'r', "", 0, 0, 0, only(VEXO_E_WOULD_BLOCK), 2},
       {'r', "", kReapLater, 0, 0, only(VEXO_S_NOERR), 2},
       {'m', "", kReapLater, 0, 0, only(VEXO_E_OUT_OF_MEMORY), 2},
+      {'k', "", SIGTERM, 0, 0, only(VEXO_S_NOERR), 0},
+      {'k', "", 12345, 0, 0, only(VEXO_E_PARAMETER_ERROR), 0},
+      {'k', "#0", 0, 0, 0, only(VEXO_E_PARAMETER_ERROR), 0},  // never a process group, never everyone
+      {'k', "#-1", 0, 0, 0, only(VEXO_E_PARAMETER_ERROR), 0},
+      {'k', "#2147483647", 0, 0, 0, only(VEXO_E_NOT_FOUND), 0},
+      {'k', "", SIGTERM, EPERM, 1, only(VEXO_E_PERMISSION_ERROR), 0},  // another user's process
+      {'k', "", 0, EINTR, 2, only(vexo_map_unix_error(EINTR, VEXO_E_OS_ERROR)), 0},
   };
   for (const auto &r : rows) {
     SCOPED_TRACE(::testing::Message() << r.op << " " << r.child << ", options " << r.options);
@@ -137,13 +143,14 @@ TEST_F(Wait, WaitsAndReleasesAnswerAfterTheSweep) {
                                                         : spawn();
     ASSERT_EQ(vexo::record_zombie(zombie), VEXO_S_NOERR);
     fault::reset();
-    fault::fail(fault::call::waitpid, r.err, r.times);
+    fault::fail(r.op == 'k' ? fault::call::kill : fault::call::waitpid, r.err, r.times);
     fault::alloc_scope scope(r.op == 'm' ? 1 : 0);
-    EXPECT_EQ(release ? only(vexo_unix_process_release(pid, r.options))
-                      : waited(pid, r.options, r.op == 't' ? &zero : nullptr, r.op != 'n'),
+    EXPECT_EQ(r.op == 'k' ? only(vexo_unix_process_kill(pid, static_cast<int>(r.options), 0))
+              : release   ? only(vexo_unix_process_release(pid, r.options))
+                          : waited(pid, r.options, r.op == 't' ? &zero : nullptr),
               r.want);
     EXPECT_EQ(waitpids(), r.calls);
-    const bool sweep = (r.options & (release ? kForget : kNoSweep)) == 0;
+    const bool sweep = r.op != 'k' && (r.options & (release ? kForget : kNoSweep)) == 0;
     std::vector<pid_t> left;
     if (!sweep)
       left.push_back(zombie);
@@ -241,24 +248,6 @@ TEST_F(Release, AThousandReleasedChildrenAreAllReaped) {
     vexo::release_zombies(0);
   EXPECT_TRUE(list_freed()) << vexo::nzombies << " not reaped";
   EXPECT_TRUE(child::children().empty()) << "zombies left in /proc";
-}
-
-// Failures come from the system: refused and unknown ones mapped, an
-// interrupted call not repeated.
-TEST_F(Wait, KillSignalsAndMapsItsFailures) {
-  const pid_t pid = spawn();
-  EXPECT_EQ(vexo_unix_process_kill(pid, 0, 0xFFFFFFFFu), VEXO_S_NOERR);
-  EXPECT_EQ(vexo_unix_process_kill(pid, 12345, 0), VEXO_E_PARAMETER_ERROR);
-  for (const pid_t bad : {0, -1, INT_MIN})  // never a process group, never everyone
-    EXPECT_EQ(vexo_unix_process_kill(bad, 0, 0), VEXO_E_PARAMETER_ERROR);
-  fault::fail(fault::call::kill, EPERM);  // another user's process
-  EXPECT_EQ(vexo_unix_process_kill(pid, SIGTERM, 0), VEXO_E_PERMISSION_ERROR);
-  fault::fail(fault::call::kill, EINTR, 2);  // each call meets one failure
-  EXPECT_EQ(vexo_unix_process_kill(pid, 0, 0), vexo_map_unix_error(EINTR, VEXO_E_OS_ERROR));
-  EXPECT_EQ(vexo_unix_process_kill(pid, SIGTERM, 0), vexo_map_unix_error(EINTR, VEXO_E_OS_ERROR));
-  EXPECT_EQ(vexo_unix_process_kill(pid, SIGTERM, 0), VEXO_S_NOERR);
-  EXPECT_EQ(waited(pid, kExit), signaled(SIGTERM));
-  EXPECT_EQ(vexo_unix_process_kill(pid, 0, 0), VEXO_E_NOT_FOUND);
 }
 
 }  // namespace
