@@ -42,9 +42,6 @@ inline args plain(const std::vector<std::string> &list) {
     e.push_back({{"string", s}});
   return args(e);
 }
-inline args sh(const std::string &script) {
-  return plain({"-c", script});
-}
 
 // How a child ended ("exit 3", "signal 9"), polled for 10 s; one still
 // running then is killed.
