@@ -1,5 +1,5 @@
-// OS file handles: kind, size, position, open, descriptor flags, and close
-// with its hand-over of sockets to the core; failures through the harness.
+// OS file handles: kind, size, position, open, descriptor flags, and close with its hand-over of sockets to
+// the core; failures through the harness.
 #include "unix/unix_internal.h"
 
 #include "fault.h"
@@ -14,10 +14,8 @@
 // Wrapped (-Wl,--wrap) to see whether and how the back end hands a handle to the core.
 extern "C" vexo_t_error_code __real_vexo_socket_close(vexo_t_os_file_handle fd, vexo_t_bits options);
 extern "C" int __real_fcntl(int fd, int cmd, ...);  // reads flags without a call the harness counts
-namespace {
-long g_socket_close = -1;                          // the options of the last, -1: none
-std::optional<vexo_t_error_code> g_socket_answer;  // replaces the real result when set
-}  // namespace
+long g_socket_close = -1;                           // the options of the last, -1: none
+std::optional<vexo_t_error_code> g_socket_answer;   // replaces the real result when set
 extern "C" vexo_t_error_code __wrap_vexo_socket_close(vexo_t_os_file_handle fd, vexo_t_bits options) {
   g_socket_close = options;
   return g_socket_answer.value_or(__real_vexo_socket_close(fd, options));
@@ -54,19 +52,17 @@ class Handles : public fault::FdTest {
 
 enum op { kPos, kSize, kKind, kOpen, kSetfd, kClose };
 
-// Each operation on each kind of handle, and under injected failures: size,
-// position and open repeat an interruption, the descriptor-flag update and
-// close never do; everything else is mapped, and out-values stay untouched
-// on failure. No allocation. A socket is closed by the core, with the
-// caller's choice on errors, and the core's answer (a positive status or a
-// failure alike) is the result.
+// Each operation on each kind of handle, and under injected failures: size, position and open repeat an
+// interruption, the descriptor-flag update and close never do; everything else is mapped, and out-values stay
+// untouched on failure. No allocation. A socket is closed by the core, with the caller's choice on errors,
+// and the core's answer (a positive status or a failure alike) is the result.
 TEST_F(Handles, EveryOperationOnEveryKindOfHandleAndUnderInjectedFailures) {
   const int fd = open_file(dir_.at("f")), dir = open_file(dir_.path(), O_RDONLY | O_DIRECTORY),
             null = open_file("/dev/null", O_RDONLY), pipe_end = pair(0), gone = fcntl(null, F_DUPFD, 0);
   const int tty = keep_.emplace_back(posix_openpt(O_RDWR | O_NOCTTY)).get();
   ASSERT_EQ(write(fd, "abc", 3), 3);
-  // An operation's code and what it gave: the value, the close-on-exec flag
-  // afterwards, what close handed to the core, or for a kind the size's code.
+  // An operation's code and what it gave: the value, the close-on-exec flag afterwards, what close handed to
+  // the core, or for a kind the size's code.
   auto apply = [this](op o, int h, int a, int b) -> std::pair<long, long> {
     vexo_t_offset v = kUntouched;
     switch (o) {

@@ -1,7 +1,6 @@
-// Process creation, by fork and by posix_spawn: the three streams, argument
-// vectors, shell starts, the child's environment, failures before and after
-// the start. Every case runs through both start functions; every child is
-// reaped within a bound and every descriptor accounted for.
+// Process creation, by fork and by posix_spawn: the three streams, argument vectors, shell starts, the
+// child's environment, failures before and after the start. Every case runs through both start functions;
+// every child is reaped within a bound and every descriptor accounted for.
 #include "unix/unix_internal.h"
 
 #include "child.h"
@@ -36,8 +35,7 @@ constexpr vexo_t_bits streams(vexo_t_bits in, vexo_t_bits out, vexo_t_bits err) 
 }
 constexpr vexo_t_bits kOut = streams(kNull, kPipe, kPipe);
 
-// What `fd` gives up to its end, then closes it; a pause of 10 s ends the
-// read with "[stalled]".
+// What `fd` gives up to its end, then closes it; a pause of 10 s ends the read with "[stalled]".
 std::string drain(int fd) {
   std::string out;
   char buf[4096];
@@ -49,10 +47,9 @@ std::string drain(int fd) {
   return n > 0 ? out + "[stalled]" : out;
 }
 
-// One start with a pointer for every stream; then standard input closed,
-// output and error read to their ends, and the child reaped, in this order:
-// "output|how it ended" and its error output. A failed start gives "" and
-// must leave every out-parameter as it was.
+// One start with a pointer for every stream; then standard input closed, output and error read to their ends,
+// and the child reaped, in this order: "output|how it ended" and its error output. A failed start gives ""
+// and must leave every out-parameter as it was.
 fault::result run(const char *cmd, const vexo_t_property **params, vexo_t_bits options,
                   const char *const *env = nullptr, const char *cwd = "/") {
   int fd[3] = {kUntouched, kUntouched, kUntouched}, pid = kUntouched;
@@ -90,8 +87,8 @@ std::string what_is(pid_t pid, int fd) {
   return "closed";
 }
 
-// Waits (10 s at most) for the child to sleep in /bin/sleep, its exec and
-// start-up behind it; false once it has ended.
+// Waits (10 s at most) for the child to sleep in /bin/sleep, its exec and start-up behind it; false once it
+// has ended.
 bool asleep(pid_t pid) {
   std::string stat;
   for (int i = 0; i < 10000 && stat.find(") Z") == std::string::npos; ++i, usleep(1000)) {
@@ -111,14 +108,11 @@ class ProcessCreate : public EnvFixture, public ::testing::WithParamInterface<st
   }
 };
 
-// Every pattern of closed 0/1/2, each in a child of ours, against every
-// mode of every stream: an inherited stream is our own descriptor or the
-// start fails with EBADF's code before making anything, and every child
-// stream is what its mode says, with the right direction; the child holds
-// nothing else of ours, and has a session of its own when asked (every other
-// start). Our end of a pipe is close-on-exec, and no end is handed out for
-// the other modes. A mode is its bit alone or with the bits it takes
-// precedence over.
+// Every pattern of closed 0/1/2, each in a child of ours, against every mode of every stream: an inherited
+// stream is our own descriptor or the start fails with EBADF's code before making anything, and every child
+// stream is what its mode says, with the right direction; the child holds nothing else of ours, and has a
+// session of its own when asked (every other start). Our end of a pipe is close-on-exec, and no end is handed
+// out for the other modes. A mode is its bit alone or with the bits it takes precedence over.
 TEST_P(ProcessCreate, StreamsAndSessionAreAsAskedAndAClosedInheritedStreamFailsTheStart) {
   const vexo_t_bits kBits[2][3] = {{kInherit, kNull, kPipe},
                                    {kInherit | kNull | kPipe, kNull | kPipe, kPipe}};
@@ -288,9 +282,8 @@ TEST_P(ProcessCreate, ChildRunsTheProgramOrShellWithItsArgumentsAndEnvironmentOr
             "[0]|exit 0[3][ab/tmp/x][][é]|exit 0");
 }
 
-// Four threads starting cat children at once: each sees the end of its input
-// as soon as we close our end, which no other child holds. (The fork path
-// leaves that to the caller to serialise.)
+// Four threads starting cat children at once: each sees the end of its input as soon as we close our end,
+// which no other child holds. (The fork path leaves that to the caller to serialise.)
 TEST_P(ProcessCreate, ConcurrentSpawnsKeepTheirDescriptorsApart) {
   if (!spawning())
     GTEST_SKIP() << "the fork path's child ends are inheritable until its child has them";

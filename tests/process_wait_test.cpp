@@ -1,5 +1,5 @@
-// Waiting for children and decoding how they ended, signalling and releasing
-// them, and the list of released children that later sweeps reap.
+// Waiting for children and decoding how they ended, signalling and releasing them, and the list of released
+// children that later sweeps reap.
 #include "unix/unix_internal.h"
 
 #include "child.h"
@@ -9,8 +9,6 @@
 #include <cstdlib>
 #include <stdexcept>
 #include <tuple>
-
-namespace {
 
 constexpr vexo_t_bits kNonblocking = VEXO_PROCESS_WAIT_OPTION_NONBLOCKING,
                       kExit = VEXO_PROCESS_WAIT_OPTION_EXIT,
@@ -83,14 +81,12 @@ TEST(ProcessIds, HandlesAndIdsAreTheSameNumberAboveZero) {
   EXPECT_TRUE(vexo_unix_process_self_id(&self) == VEXO_S_NOERR && self == getpid());
 }
 
-// Each row waits for, releases or kills one child while an ended one waits in
-// the list of released children: a wait or release answers, early or not,
-// after the sweep that reaps it (none with NO_SWEEP or FORGET, nor for a
-// kill), and the waitpid calls made count the sweep's. Ops: w wait, t wait
-// with a zero timeout, r release, m release with no room in the list, k kill
-// with `options` as the signal (an interrupted kill is not repeated). Child:
-// a script that has ended, "" one that runs, or #number as the handle. A
-// running child released for later is listed; a refused one stays ours.
+// Each row waits for, releases or kills one child while an ended one waits in the list of released children:
+// a wait or release answers, early or not, after the sweep that reaps it (none with NO_SWEEP or FORGET, nor
+// for a kill), and the waitpid calls made count the sweep's. Ops: w wait, t wait with a zero timeout, r
+// release, m release with no room in the list, k kill with `options` as the signal (an interrupted kill is
+// not repeated). Child: a script that has ended, "" one that runs, or #number as the handle. A running child
+// released for later is listed; a refused one stays ours.
 TEST_F(Wait, WaitReleaseAndKillResultsAndTheSweepsTheyMake) {
   vexo_t_timespec zero{0, 0};
   const struct {
@@ -237,5 +233,3 @@ TEST_F(Wait, AThousandReleasedChildrenAreAllReaped) {
   EXPECT_TRUE(list_freed()) << vexo::nzombies << " not reaped";
   EXPECT_TRUE(child::children().empty()) << "zombies left in /proc";
 }
-
-}  // namespace

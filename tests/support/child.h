@@ -1,5 +1,5 @@
-// Children for the process suites: parameters as property lists, a bounded
-// reap and a look at what is left of our children.
+// Children for the process suites: parameters as property lists, a bounded reap and a look at what is left of
+// our children.
 #ifndef VEXO_TESTS_CHILD_H
 #define VEXO_TESTS_CHILD_H
 
@@ -43,8 +43,7 @@ inline args plain(const std::vector<std::string> &list) {
   return args(e);
 }
 
-// How a child ended ("exit 3", "signal 9"), polled for 10 s; one still
-// running then is killed.
+// How a child ended ("exit 3", "signal 9"), polled for 10 s; one still running then is killed.
 inline std::string reap(vexo_t_os_process_handle pid) {
   vexo_t_process_exit_status st{};
   for (int i = 0; i < 1000; ++i, usleep(10000)) {
