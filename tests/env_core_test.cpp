@@ -11,10 +11,10 @@ using producer = std::function<vexo_t_error_code(char ***, size_t *)>;
 pairs take(const producer &produce, long allocations = 0, bool read = true) {
   pairs out;
   const long made = fault::alloc_sweep([&](fault::alloc_scope &scope) {
-    char **env = kUntouched;
+    char **env = kUnwrittenEnv;
     size_t size = 7;
     const vexo_t_error_code rc = produce(&env, &size);
-    EXPECT_TRUE(scope.injected() ? rc == VEXO_E_OUT_OF_MEMORY && env == kUntouched && size == 7u
+    EXPECT_TRUE(scope.injected() ? rc == VEXO_E_OUT_OF_MEMORY && env == kUnwrittenEnv && size == 7u
                                  : rc == VEXO_S_NOERR)
         << rc;
     if (rc == VEXO_S_NOERR)
@@ -110,10 +110,10 @@ TEST_F(CompactEnv, EmptyInputsGiveAnEmptyBlockBadArgumentsChangeNothing) {
   for (const char *const *list : std::initializer_list<const char *const *>{nullptr, none, all_left_out})
     EXPECT_EQ(take([&](char ***e, size_t *s) { return vexo_make_compact_env(list, e, s, 1); }), pairs{});
   EXPECT_EQ(merge(nullptr, 0, nullptr, 0), pairs{});
-  char **block = kUntouched;
+  char **block = kUnwrittenEnv;
   size_t size = 7;
   for (int selector : {0, 3, 5, 11, 13, -4})
     EXPECT_EQ(vexo_get_system_properties(&block, &size, selector), VEXO_E_NOT_SUPPORTED) << selector;
   EXPECT_EQ(vexo_make_compact_env(none, &block, &size, 2), VEXO_E_PARAMETER_ERROR);
-  EXPECT_TRUE(block == kUntouched && size == 7u);
+  EXPECT_TRUE(block == kUnwrittenEnv && size == 7u);
 }

@@ -6,13 +6,13 @@
 constexpr vexo_t_bits kInitial = VEXO_GET_ENVIRON_OPTION_INITIAL;
 constexpr vexo_t_bits kCurrent = VEXO_GET_ENVIRON_OPTION_CURRENT;
 
-// What vexo_unix_get_environ gives; kUntouched and 7 where it writes nothing.
+// What vexo_unix_get_environ gives; kUnwrittenEnv and 7 where it writes nothing.
 struct got {
-  char **env = kUntouched;
+  char **env = kUnwrittenEnv;
   size_t size = 7;
   vexo_t_error_code rc;
   explicit got(vexo_t_bits options) : rc(vexo_unix_get_environ(&env, &size, options)) {}
-  bool untouched() const { return env == kUntouched && size == 7u; }
+  bool untouched() const { return env == kUnwrittenEnv && size == 7u; }
   pairs entries() const { return env == nullptr ? pairs{} : read_block(env, size, false); }
 };
 
@@ -57,8 +57,8 @@ TEST_F(Environ, ChangesBetweenThePasses) {
     const got g(kCurrent);
     EXPECT_EQ(g.rc, copied.empty() ? VEXO_E_TRY_AGAIN : VEXO_S_NOERR);
     EXPECT_EQ(g.size, copied.empty() ? 7u : 3 * sizeof(char *) + 8);  // as sized before the change
-    EXPECT_EQ(g.env == kUntouched ? pairs{} : read_block(g.env, g.size, false), copied);
-    vexo_free(g.env == kUntouched ? nullptr : g.env);
+    EXPECT_EQ(g.env == kUnwrittenEnv ? pairs{} : read_block(g.env, g.size, false), copied);
+    vexo_free(g.env == kUnwrittenEnv ? nullptr : g.env);
     EXPECT_EQ(scope.live(), 0);
   }
 }

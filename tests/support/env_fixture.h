@@ -13,7 +13,7 @@
 #include <unistd.h>
 #include <vector>
 
-char **const kUntouched = reinterpret_cast<char **>(0x1);  // never written by a failure
+char **const kUnwrittenEnv = reinterpret_cast<char **>(0x1);  // never written by a failure
 
 class EnvFixture : public fault::FdTest {
  protected:
